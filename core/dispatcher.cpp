@@ -1,0 +1,60 @@
+#include "core/dispatcher.h"
+
+#include <algorithm>
+#include <new>
+#include <stdexcept>
+
+#include "core/command_table.h"
+#include "core/message.h"
+
+namespace corvane {
+
+namespace {
+
+JsonValue callHandler(const CommandHandler& handler, const JsonObject* arguments) {
+    try {
+        if (const auto* plain = std::get_if<PlainHandler>(&handler)) {
+            return (*plain)();
+        }
+        return std::get<ArgumentsHandler>(handler)(arguments);
+    } catch (const std::bad_alloc&) {
+        return makeErrorResponse(genericError, "out of memory");
+    }
+}
+
+JsonValue answerCommand(const JsonValue& execute, const JsonObject* arguments) {
+    const std::string* name = execute.string();
+    if (!name) {
+        throw std::invalid_argument("'execute' is not a string");
+    }
+    const auto commands = commandTable();
+    const auto command = std::ranges::find(commands, *name, &Command::name);
+    if (command == commands.end() || std::holds_alternative<std::monostate>(command->handler)) {
+        logStatus(false, "Unknown command: %s\n", name->c_str());
+        return makeErrorResponse(commandNotFound, "Invalid command '" + *name + "'");
+    }
+    return callHandler(command->handler, arguments);
+}
+
+}  // namespace
+
+JsonValue dispatchRequest(const JsonValue& request) {
+    const JsonObject* object = request.object();
+    if (!object) {
+        return makeErrorResponse(genericError, "request is not a dictionary");
+    }
+    const JsonValue* execute = object->find("execute");
+    if (!execute) {
+        return makeErrorResponse(genericError, "cannot find 'execute' key");
+    }
+    const JsonValue* arguments = object->find("arguments");
+    if (arguments && !arguments->object()) {
+        return makeErrorResponse(genericError, "arguments is not a dictionary");
+    }
+    logRequest(*execute, arguments);
+    JsonValue response = answerCommand(*execute, arguments ? arguments->object() : nullptr);
+    logResponse(response);
+    return response;
+}
+
+}  // namespace corvane

@@ -1,0 +1,215 @@
+// Boost.JSON's incremental parser checks the syntax and reports what it meets; the handler here
+// builds the values. The line is fed to it as it lies in memory, slice by slice, so that a long
+// string is copied once, straight into the value that holds it.
+
+#include "core/json_reader.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+// The parser has a buffer of this size on the stack wherever it decodes escapes.
+#define BOOST_JSON_STACK_BUFFER_SIZE 1024
+#include <boost/json/basic_parser_impl.hpp>
+
+namespace corvane {
+
+namespace {
+
+namespace json = boost::json;
+
+/// The parser is never given more at once than fits its buffer of decoded text with room to spare.
+/// It sizes what it decodes by what it is given, but on resuming inside an escape or a UTF-8
+/// sequence, up to three bytes more come out than go in, and it would write past the buffer's end.
+constexpr std::size_t feedLimit = 1024 - 16;
+
+/// A string in several parts is grown step by step up to this size. A longer one gets, once, the
+/// room that the rest of the line could fill, for its copies would cost time and memory in
+/// proportion to the line; memory that is reserved and not touched costs nothing.
+constexpr std::size_t growthLimit = 64 * 1024;
+
+class ValueBuilder {
+ public:
+    static constexpr std::size_t max_object_size = SIZE_MAX;
+    static constexpr std::size_t max_array_size = SIZE_MAX;
+    static constexpr std::size_t max_key_size = SIZE_MAX;
+    static constexpr std::size_t max_string_size = SIZE_MAX;
+
+    /// How many bytes of the line are left, with those that the parser is being given.
+    void setBytesLeft(std::size_t count) noexcept { bytesLeft_ = count; }
+
+    JsonValue takeResult() noexcept { return std::move(result_); }
+
+    bool on_document_begin(json::error_code&) noexcept { return true; }
+    bool on_document_end(json::error_code&) noexcept { return true; }
+
+    bool on_array_begin(json::error_code&) { return open(JsonArray()); }
+    bool on_array_end(std::size_t, json::error_code&) { return close(); }
+    bool on_object_begin(json::error_code&) { return open(JsonObject()); }
+    bool on_object_end(std::size_t, json::error_code&) { return close(); }
+
+    bool on_key_part(json::string_view part, std::size_t, json::error_code&) {
+        appendText(part);
+        return true;
+    }
+    bool on_key(json::string_view part, std::size_t, json::error_code&) {
+        open_.back().key = takeText(part);
+        return true;
+    }
+    bool on_string_part(json::string_view part, std::size_t, json::error_code& error) {
+        if (!checkInside(error)) {
+            return false;
+        }
+        appendText(part);
+        return true;
+    }
+    bool on_string(json::string_view part, std::size_t, json::error_code& error) {
+        return checkInside(error) && add(takeText(part));
+    }
+
+    bool on_number_part(json::string_view part, json::error_code&) {
+        numberText_.append(part.data(), part.size());
+        return true;
+    }
+    bool on_int64(std::int64_t value, json::string_view, json::error_code& error) {
+        numberText_.clear();
+        return checkInside(error) && add(JsonNumber::fromSigned(value));
+    }
+    bool on_uint64(std::uint64_t value, json::string_view, json::error_code& error) {
+        numberText_.clear();
+        return checkInside(error) && add(JsonNumber::fromUnsigned(value));
+    }
+    /// Called for all numbers that are not exactly one of the above, with a value that is rounded
+    /// or infinite: the text tells more.
+    bool on_double(double, json::string_view part, json::error_code& error) {
+        numberText_.append(part.data(), part.size());
+        const auto number = JsonNumber::fromText(numberText_);
+        numberText_.clear();
+        return checkInside(error) && add(number);
+    }
+    bool on_bool(bool value, json::error_code& error) {
+        return checkInside(error) && add(JsonNumber::fromBoolean(value));
+    }
+    bool on_null(json::error_code& error) { return checkInside(error) && add(JsonValue()); }
+
+    bool on_comment_part(json::string_view, json::error_code&) noexcept { return true; }
+    bool on_comment(json::string_view, json::error_code&) noexcept { return true; }
+
+ private:
+    /// An array or object whose end has not come yet, with the key of the member being read.
+    struct OpenValue {
+        JsonValue value;
+        std::string key;
+    };
+
+    bool open(JsonValue value) {
+        open_.push_back({std::move(value), {}});
+        return true;
+    }
+
+    bool close() {
+        JsonValue value = std::move(open_.back().value);
+        open_.pop_back();
+        if (open_.empty()) {
+            result_ = std::move(value);
+            return true;
+        }
+        return add(std::move(value));
+    }
+
+    /// Refuses a value of another kind than array or object at the top.
+    bool checkInside(json::error_code& error) const {
+        if (open_.empty()) {
+            error = json::make_error_code(json::error::syntax);
+        }
+        return !open_.empty();
+    }
+
+    bool add(JsonValue value) {
+        OpenValue& parent = open_.back();
+        if (auto* array = parent.value.array()) {
+            array->push_back(std::move(value));
+        } else {
+            parent.value.object()->add(std::move(parent.key), std::move(value));
+        }
+        return true;
+    }
+
+    void appendText(json::string_view part) {
+        const std::size_t wanted = text_.size() + part.size();
+        if (wanted > text_.capacity() && wanted > growthLimit) {
+            text_.reserve(text_.size() + std::max(part.size(), bytesLeft_));
+        }
+        text_.append(part.data(), part.size());
+    }
+
+    std::string takeText(json::string_view lastPart) {
+        if (text_.empty()) {
+            return {lastPart.data(), lastPart.size()};
+        }
+        appendText(lastPart);
+        if (text_.capacity() / 2 > text_.size()) {
+            text_.shrink_to_fit();
+        }
+        return std::exchange(text_, {});
+    }
+
+    JsonValue result_;
+    std::vector<OpenValue> open_;
+    std::string text_;        ///< the parts so far of a string or key
+    std::string numberText_;  ///< the parts so far of a number
+    std::size_t bytesLeft_ = 0;
+};
+
+std::size_t measure(const RequestLine& line) noexcept {
+    std::size_t size = 0;
+    for (const InputSlice& slice : line) {
+        size += slice.bytes().size();
+    }
+    return size;
+}
+
+JsonError describe(const std::string& reason, std::size_t position) {
+    return {reason + " at byte " + std::to_string(position)};
+}
+
+json::parse_options strictOptions() noexcept {
+    json::parse_options options;
+    options.max_depth = jsonDepthLimit;
+    return options;
+}
+
+}  // namespace
+
+JsonOutcome readJson(RequestLine line) {
+    json::basic_parser<ValueBuilder> parser(strictOptions());
+    json::error_code error;
+    const std::size_t lineSize = measure(line);
+    std::size_t position = 0;
+
+    for (; !line.empty(); line.pop_front()) {
+        for (std::string_view rest = line.front().bytes(); !rest.empty();) {
+            const std::string_view piece = rest.substr(0, feedLimit);
+            parser.handler().setBytesLeft(lineSize - position);
+            const std::size_t consumed = parser.write_some(true, piece.data(), piece.size(), error);
+            position += consumed;
+            if (error) {
+                return describe(error.message(), position);
+            }
+            // A parser that has its value stops in front of what follows, without an error.
+            if (consumed < piece.size()) {
+                return describe("text after the value", position);
+            }
+            rest.remove_prefix(piece.size());
+        }
+    }
+    parser.write_some(false, "", 0, error);
+    if (error) {
+        return describe(error.message(), position);
+    }
+    return parser.handler().takeResult();
+}
+
+}  // namespace corvane

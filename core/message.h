@@ -1,0 +1,34 @@
+#pragma once
+
+#include <string>
+
+#include "core/json_value.h"
+
+namespace corvane {
+
+/// The two classes that an error response may carry.
+inline constexpr char genericError[] = "GenericError";
+inline constexpr char commandNotFound[] = "CommandNotFound";
+
+/// {"error": {"class": errorClass, "desc": description}}. Every error response is built here.
+JsonValue makeErrorResponse(const char* errorClass, std::string description);
+
+/// {"return": result}.
+JsonValue makeSuccessResponse(JsonValue result);
+
+/// Writes one entry, formatted as printf(3) does, to the status log, its trailing newline kept.
+/// With `fatal` true the process then exits with status 1. Writes nothing when formatting fails.
+/// Any thread.
+void logStatus(bool fatal, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/// Writes "Request: '<command> <arguments>'" to the transaction log: the command in clear, the
+/// arguments masked. `arguments` is null when the request had none.
+void logRequest(const JsonValue& command, const JsonValue* arguments);
+
+/// Writes "Response: '<response>'" to the transaction log, the response masked.
+void logResponse(const JsonValue& response);
+
+/// How a value stands in a text: a string as it is, any other as its JSON text.
+std::string textForm(const JsonValue& value);
+
+}  // namespace corvane

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <array>
+#include <span>
+
+#include "core/pending_input.h"
+
+namespace corvane {
+
+/// Asks the writer to put the byte 0xFF before the next response, or takes that back. Main thread.
+void setDelimiterPending(bool pending) noexcept;
+
+/// Reads requests from the channel, has them answered one at a time and in order, and reopens the
+/// channel when it ends. Its state but for the channel survives that: unconsumed input is put
+/// before what the next connection sends. Main thread.
+class ReadLoop {
+ public:
+    /// Runs for the life of the process. An exception that escapes ends it with status 1.
+    [[noreturn]] void run();
+
+    /// One pass: waits for input once and answers every line that is complete then.
+    void pass();
+
+ private:
+    void followEndedChannel();
+    void takeInput(std::span<const char> bytes);
+
+    std::array<char, 8192> readBuffer_{};
+    PendingInput pending_;
+    int silentChannels_ = 0;  ///< channels in a row that ended without having brought a byte
+};
+
+}  // namespace corvane

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <span>
+#include <string_view>
+
+#include "core/descriptor_guard.h"
+#include "core/system_result.h"
+
+namespace corvane {
+
+/// Opens the serial channel, and moves bytes over a channel of any kind: what a descriptor's kind
+/// does differently from others when it waits, ends or takes long writes is settled below here.
+/// Only the main thread calls it.
+class ChannelDevice {
+ public:
+    virtual ~ChannelDevice() = default;
+
+    /// Opens the serial device at `path` for reading and writing, non-blocking, close-on-exec, and
+    /// not as the controlling terminal.
+    virtual SystemResult<DescriptorGuard> openSerial(const char* path) = 0;
+
+    /// Claims exclusive use of an open serial device. Returns 0 or an errno value.
+    virtual int claimExclusive(int descriptor) = 0;
+
+    /// Clears all file status flags, O_NONBLOCK among them. Returns 0 or an errno value.
+    virtual int clearStatusFlags(int descriptor) = 0;
+
+    /// Waits, without a time limit and without using the processor, until the host has sent
+    /// something or the channel has ended. Returns how many bytes it has put into `buffer`, and 0
+    /// (end of input) or -1 (error) when the channel has ended. A port that no host has opened
+    /// yet, or not again, is waited on: it has not ended.
+    virtual ssize_t receive(int descriptor, std::span<char> buffer) = 0;
+
+    /// Sends `bytes` in one go. A peer that has vanished loses them; one that merely doesn't read
+    /// is waited for. Nothing is reported: the next `receive` finds out.
+    virtual void send(int descriptor, std::string_view bytes) noexcept = 0;
+
+    /// Lets go of a channel descriptor that has ended; -1 is none.
+    virtual void closeChannel(int descriptor) noexcept = 0;
+};
+
+}  // namespace corvane

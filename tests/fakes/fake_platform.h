@@ -1,0 +1,26 @@
+#pragma once
+
+#include "platform/platform.h"
+#include "tests/fakes/fake_channel_device.h"
+#include "tests/fakes/fake_services.h"
+
+namespace corvane {
+
+/// A guest without vsock and remote login, with a serial channel that belongs to the right driver.
+/// In use as long as it lives.
+struct FakePlatform {
+    FakeSystemLog systemLog;
+    FakeFirmware firmware;
+    FakeSerialDevices serialDevices;
+    FakeHypervisor hypervisor;
+    FakeChannelDevice channelDevice;
+    FakeVsockSockets vsockSockets;
+    FakeRemoteLogin remoteLogin;
+
+ private:
+    Platform services_{systemLog,     firmware,     serialDevices, hypervisor,
+                       channelDevice, vsockSockets, remoteLogin};
+    PlatformScope scope_{services_};
+};
+
+}  // namespace corvane

@@ -1,0 +1,187 @@
+#include "core/start_up.h"
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+
+#include <array>
+#include <cstddef>
+
+#include <gtest/gtest.h>
+
+#include "tests/fakes/child_process.h"
+#include "tests/fakes/fake_platform.h"
+
+namespace corvane {
+namespace {
+
+const char* const firstLines =
+    "Corvane 1.3-MirelVirtIO-221.100.2~2982\n"
+    "Cannot find entry /options on this system\n"
+    "Cannot find entry /product on this system\n";
+
+/// What becomes of an agent that starts in a child. The entry function of its reaper thread runs
+/// when everything else has been set up, and can look at the process from inside.
+class StartUp : public testing::Test {
+ protected:
+    struct End {
+        int status;
+        std::string log;
+    };
+
+    End endOf(
+        ThreadEntry reaper, const std::function<void()>& beforehand = [] {}) {
+        platform_.systemLog.echoToStandardError = true;
+        testing::internal::CaptureStderr();
+        const int status = exitStatusOf([&] {
+            sigset_t none;
+            ::sigemptyset(&none);
+            ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
+            ::signal(SIGPIPE, SIG_DFL);
+            beforehand();
+            runAgent(reaper);
+        });
+        return {status, testing::internal::GetCapturedStderr()};
+    }
+
+    /// Exit status 0 when `reaper` finds what it looks for; it ends the process itself.
+    void expectFound(
+        ThreadEntry reaper, const std::function<void()>& beforehand = [] {}) {
+        EXPECT_EQ(endOf(reaper, beforehand).status, 0);
+    }
+
+    FakePlatform platform_;
+};
+
+void exitWith(bool found) {
+    ::_exit(found ? 0 : 1);
+}
+
+void setOpenFileLimit(rlim_t soft, rlim_t hard) {
+    const rlimit limit{soft, hard};
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+bool openFileLimitIs(rlim_t soft, rlim_t hard) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    return limit.rlim_cur == soft && limit.rlim_max == hard;
+}
+
+TEST_F(StartUp, LogsNameAndVersionFirstThenOpensTheChannel) {
+    const End end = endOf([] { exitWith(true); });
+    EXPECT_EQ(end.log, firstLines);
+    EXPECT_EQ(end.status, 0);
+}
+
+TEST_F(StartUp, CreatesTheLogCategoriesUnderTheProgramsIdentifier) {
+    static FakeSystemLog* log = nullptr;
+    log = &platform_.systemLog;
+    expectFound([] { exitWith(log->identifier() == "corvane"); });
+}
+
+TEST_F(StartUp, OutsideAVirtualMachineItEndsAfterTheChannelHasBeenOpened) {
+    for (const std::optional<std::int32_t> indicator :
+         {std::optional<std::int32_t>(0), std::optional<std::int32_t>(2),
+          std::optional<std::int32_t>()}) {
+        platform_.hypervisor.indicator = indicator;
+        const End end = endOf([] { exitWith(true); });
+        EXPECT_EQ(end.status, 1);
+        EXPECT_EQ(end.log, std::string(firstLines) + "Invalid guest agent environment.\n");
+    }
+}
+
+TEST_F(StartUp, ChannelThatDoesNotOpenEndsItBeforeTheEnvironmentIsChecked) {
+    platform_.hypervisor.indicator = 0;
+    platform_.channelDevice.openError = ENOENT;
+    const End end = endOf([] { exitWith(true); });
+    EXPECT_EQ(end.status, 1);
+    EXPECT_EQ(end.log, firstLines);
+}
+
+TEST_F(StartUp, RaisesALowOpenFileLimitToFiveHundredTwelve) {
+    expectFound([] { exitWith(openFileLimitIs(512, 2048)); }, [] { setOpenFileLimit(256, 2048); });
+}
+
+TEST_F(StartUp, LeavesAHigherOpenFileLimitAlone) {
+    expectFound([] { exitWith(openFileLimitIs(1024, 2048)); },
+                [] { setOpenFileLimit(1024, 2048); });
+}
+
+TEST_F(StartUp, LeavesTheOpenFileLimitWhereTheHardLimitForbidsMore) {
+    expectFound([] { exitWith(openFileLimitIs(300, 300)); }, [] { setOpenFileLimit(300, 300); });
+}
+
+TEST_F(StartUp, InstallsADoNothingHandlerForSigchld) {
+    expectFound([] {
+        struct sigaction action {};
+        ::sigaction(SIGCHLD, nullptr, &action);
+        const bool takesNothing = ::sigismember(&action.sa_mask, SIGCHLD) == 0;
+        const auto flags = static_cast<unsigned>(action.sa_flags);
+        exitWith(action.sa_sigaction != nullptr && takesNothing && (flags & SA_SIGINFO) != 0 &&
+                 (flags & SA_NOCLDSTOP) != 0);
+    });
+}
+
+TEST_F(StartUp, ReaperInheritsTheMaskThatBlocksSigchld) {
+    expectFound([] {
+        sigset_t mask;
+        ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+        exitWith(::sigismember(&mask, SIGCHLD) == 1);
+    });
+}
+
+TEST_F(StartUp, StoppedChildDoesNotWakeTheReaperAndAnEndedOneDoes) {
+    expectFound([] {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::raise(SIGSTOP);
+            ::_exit(0);
+        }
+        int status = 0;
+        ::waitpid(child, &status, WUNTRACED);
+        sigset_t pending;
+        ::sigpending(&pending);
+        const bool quietWhenStopped = WIFSTOPPED(status) && ::sigismember(&pending, SIGCHLD) == 0;
+        ::kill(child, SIGCONT);
+        sigset_t childSignal;
+        ::sigemptyset(&childSignal);
+        ::sigaddset(&childSignal, SIGCHLD);
+        int signal = 0;
+        ::sigwait(&childSignal, &signal);
+        exitWith(quietWhenStopped && signal == SIGCHLD);
+    });
+}
+
+TEST_F(StartUp, IgnoresBrokenPipes) {
+    expectFound([] {
+        struct sigaction action {};
+        ::sigaction(SIGPIPE, nullptr, &action);
+        exitWith(action.sa_handler == SIG_IGN);
+    });
+}
+
+/// Makes every later change of a signal mask fail with EPERM. See seccomp(2).
+void forbidSignalMasks() {
+    std::array<sock_filter, 4> filter{{
+        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_rt_sigprocmask},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EPERM},
+        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
+    }};
+    const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
+    ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
+}
+
+TEST_F(StartUp, EndsWithStatus255AndNoMessageWhenSigchldCannotBeBlocked) {
+    const End end = endOf([] { exitWith(true); }, forbidSignalMasks);
+    EXPECT_EQ(end.status, 255);
+    EXPECT_EQ(end.log, firstLines);
+}
+
+}  // namespace
+}  // namespace corvane
