@@ -1,0 +1,40 @@
+#include "commands/all_commands.h"
+
+#include "commands/handshake/info.h"
+#include "commands/handshake/ping.h"
+#include "commands/handshake/sync.h"
+
+namespace corvane {
+
+namespace {
+constexpr auto always = ReportCondition::always;
+constexpr auto ifVsock = ReportCondition::ifVsock;
+constexpr auto ifRemoteLogin = ReportCondition::ifRemoteLogin;
+constexpr std::monostate notBuilt;
+}  // namespace
+
+// The name, its handler, its place in the list of "guest-info", and when it is listed there.
+constexpr std::array<Command, 20> allCommands{{
+    {"guest-sync", handleGuestSync, 4, always},
+    {"guest-sync-delimited", handleGuestSyncDelimited, 5, always},
+    {"guest-info", handleGuestInfo, 3, always},
+    {"guest-ping", handleGuestPing, 6, always},
+    {"guest-exec", notBuilt, 1, always},
+    {"guest-exec-status", notBuilt, 2, always},
+    {"guest-file-open", notBuilt, 7, always},
+    {"guest-file-close", notBuilt, 8, always},
+    {"guest-file-read", notBuilt, 9, always},
+    {"guest-file-write", notBuilt, 10, always},
+    {"mirel-guest-file-vsock-read", notBuilt, 11, ifVsock},
+    {"mirel-guest-file-vsock-write", notBuilt, 12, ifVsock},
+    {"guest-file-seek", notBuilt, 13, always},
+    {"guest-file-flush", notBuilt, 14, always},
+    {"guest-network-get-interfaces", notBuilt, 15, always},
+    {"guest-shutdown", notBuilt, 16, always},
+    {"guest-set-time", notBuilt, 18, always},
+    {"guest-get-time", notBuilt, 19, always},
+    {"mirel-guest-set-remote-login", notBuilt, 17, ifRemoteLogin},
+    {"mirel-guest-signal-pid", notBuilt, 20, always},
+}};
+
+}  // namespace corvane

@@ -1,0 +1,11 @@
+#include "commands/handshake/ping.h"
+
+#include "core/message.h"
+
+namespace corvane {
+
+JsonValue handleGuestPing() {
+    return makeSuccessResponse(JsonObject());
+}
+
+}  // namespace corvane

@@ -1,0 +1,62 @@
+#include "commands/all_commands.h"
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace corvane {
+namespace {
+
+TEST(AllCommands, StandInTheOrderOfComparison) {
+    std::vector<std::string_view> names;
+    for (const Command& command : allCommands) {
+        names.push_back(command.name);
+    }
+    EXPECT_EQ(names, (std::vector<std::string_view>{"guest-sync",
+                                                    "guest-sync-delimited",
+                                                    "guest-info",
+                                                    "guest-ping",
+                                                    "guest-exec",
+                                                    "guest-exec-status",
+                                                    "guest-file-open",
+                                                    "guest-file-close",
+                                                    "guest-file-read",
+                                                    "guest-file-write",
+                                                    "mirel-guest-file-vsock-read",
+                                                    "mirel-guest-file-vsock-write",
+                                                    "guest-file-seek",
+                                                    "guest-file-flush",
+                                                    "guest-network-get-interfaces",
+                                                    "guest-shutdown",
+                                                    "guest-set-time",
+                                                    "guest-get-time",
+                                                    "mirel-guest-set-remote-login",
+                                                    "mirel-guest-signal-pid"}));
+}
+
+TEST(AllCommands, HaveEachAPlaceOfItsOwnInTheReport) {
+    std::set<int> positions;
+    for (const Command& command : allCommands) {
+        positions.insert(command.reportPosition);
+    }
+    EXPECT_EQ(positions.size(), 20U);
+    EXPECT_EQ(*positions.begin(), 1);
+    EXPECT_EQ(*positions.rbegin(), 20);
+}
+
+TEST(AllCommands, ThoseOfThreeNamesTakeNoArguments) {
+    for (const Command& command : allCommands) {
+        const bool takesNothing = command.name == "guest-info" || command.name == "guest-ping" ||
+                                  command.name == "guest-get-time";
+        if (takesNothing) {
+            EXPECT_FALSE(std::holds_alternative<ArgumentsHandler>(command.handler));
+        } else {
+            EXPECT_FALSE(std::holds_alternative<PlainHandler>(command.handler));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace corvane
