@@ -226,41 +226,51 @@ TEST_F(ReadLoopOnASocket, ManyLinesInOneReadAreAllAnswered) {
     EXPECT_TRUE(nothingButAPongComes());
 }
 
-/// Exit status of the loop in a process of its own that is sent `line`, and its log from there on.
+/// What the loop, in a process of its own, leaves when it ends after `line`.
 struct LoopEnd {
     int status;
     std::string log;
+    std::string answer;
 };
 
 LoopEnd endOfLoopAfter(const std::string& line) {
     useCommandTable(commands);
     FakePlatform platform;
+    openChannel();
+    const DescriptorGuard host = platform.channelDevice.takeHostEnd();
+    [[maybe_unused]] const ssize_t sent = ::write(host.borrow(), line.data(), line.size());
+    platform.systemLog.recording = false;
+    platform.systemLog.echoToStandardError = true;
     testing::internal::CaptureStderr();
-    const int status = exitStatusOf([&] {
-        openChannel();
-        const DescriptorGuard host = platform.channelDevice.takeHostEnd();
-        [[maybe_unused]] const ssize_t count = ::write(host.borrow(), line.data(), line.size());
-        platform.systemLog.echoToStandardError = true;
-        ReadLoop().run();
-    });
-    return {status, testing::internal::GetCapturedStderr()};
+    LoopEnd end{};
+    end.status = exitStatusOf([] { ReadLoop().run(); });
+    end.log = testing::internal::GetCapturedStderr();
+    platform.channelDevice.closeChannel(channelDescriptor());
+    std::array<char, 256> buffer{};
+    const ssize_t count = ::read(host.borrow(), buffer.data(), buffer.size());
+    end.answer.assign(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    return end;
 }
 
-TEST(ReadLoopEnd, ExecuteOfAnotherTypeEndsTheProcessWithStatusOne) {
-    const LoopEnd end = endOfLoopAfter("{\"execute\":5}\n");
+TEST(ReadLoopEnd, ExecuteOfAnotherTypeEndsTheProcessWithStatusOneAndNoResponse) {
+    const LoopEnd end = endOfLoopAfter("{\"execute\":5}\n" + pingLine);
     EXPECT_EQ(end.status, 1);
-    EXPECT_NE(end.log.find("Unhandled exception: 'Error std::invalid_argument: 'execute' is not a "
-                           "string'\n"),
-              std::string::npos)
-        << end.log;
+    EXPECT_EQ(end.log,
+              "Unhandled exception: 'Error std::invalid_argument: 'execute' is not a string'\n");
+    EXPECT_EQ(end.answer, "");
 }
 
-TEST(ReadLoopEnd, AnythingThrownEndsTheProcessWithStatusOne) {
+TEST(ReadLoopEnd, AnythingThrownEndsTheProcessWithStatusOneAndNoResponse) {
     const LoopEnd end = endOfLoopAfter("{\"execute\":\"throw\"}\n");
     EXPECT_EQ(end.status, 1);
-    EXPECT_NE(end.log.find("Unhandled exception: 'Error int: no reason given'\n"),
-              std::string::npos)
-        << end.log;
+    EXPECT_EQ(end.log, "Unhandled exception: 'Error int: no reason given'\n");
+    EXPECT_EQ(end.answer, "");
+}
+
+TEST(ReadLoopEnd, LinesBeforeTheFatalOneAreAnswered) {
+    const LoopEnd end = endOfLoopAfter(pingLine + "{\"execute\":null}\n");
+    EXPECT_EQ(end.status, 1);
+    EXPECT_EQ(end.answer, std::string(pong) + "\n");
 }
 
 /// A device whose reads are first `repeats` times the same, then come from a script, one entry
