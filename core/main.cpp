@@ -1,0 +1,31 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "commands/all_commands.h"
+#include "commands/exec/reaper.h"
+#include "core/command_table.h"
+#include "core/start_up.h"
+#include "platform/linux/linux_platform.h"
+#include "platform/platform.h"
+
+namespace {
+
+/// Gives the process its three standard descriptors where it was started without them, so that no
+/// channel or file of ours can take their numbers.
+void fillStandardDescriptors() {
+    for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
+        if (::fcntl(descriptor, F_GETFD) == -1) {
+            static_cast<void>(::open("/dev/null", O_RDWR));
+        }
+    }
+}
+
+}  // namespace
+
+int main() {
+    fillStandardDescriptors();
+    corvane::LinuxPlatform linuxPlatform;
+    const corvane::PlatformScope scope(linuxPlatform.services());
+    corvane::useCommandTable(corvane::allCommands);
+    corvane::runAgent(corvane::reapChildren);
+}

@@ -1,0 +1,10 @@
+#include "platform/linux/journal_log.h"
+#include "platform/linux/system_log_choice.h"
+
+namespace corvane {
+
+std::unique_ptr<SystemLog> makeSystemLog() {
+    return std::make_unique<JournalLog>();
+}
+
+}  // namespace corvane

@@ -1,0 +1,167 @@
+#include "platform/linux/linux_channel_device.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "platform/linux/virtio_port.h"
+
+namespace corvane {
+namespace {
+
+constexpr int serialOpenFlags = O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+ssize_t receiveFromAny(int descriptor, std::span<char> buffer) {
+    for (;;) {
+        pollfd waited{descriptor, POLLIN, 0};
+        if (::poll(&waited, 1, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return -1;
+        }
+        const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
+        // Readiness may have been for nothing, or gone to another reader.
+        if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
+            continue;
+        }
+        return count;
+    }
+}
+
+void sendToAny(int descriptor, std::string_view bytes) noexcept {
+    // EINTR says that a signal came before a single byte went out: the one write has not been
+    // made yet. A signal that comes later makes a short count of it, which stays one.
+    while (::write(descriptor, bytes.data(), bytes.size()) < 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace
+
+struct LinuxChannelDevice::OpenPort {
+    OpenPort(int descriptor, DescriptorGuard watch, dev_t portNumber)
+        : number(portNumber), calls(descriptor, std::move(watch)), port(calls) {}
+
+    dev_t number;
+    DescriptorPortCalls calls;
+    VirtioPort port;
+    DescriptorGuard parkedDescriptor;  ///< held only while parked
+};
+
+LinuxChannelDevice::LinuxChannelDevice(std::string sysRoot) : sysRoot_(std::move(sysRoot)) {}
+
+LinuxChannelDevice::~LinuxChannelDevice() = default;
+
+SystemResult<DescriptorGuard> LinuxChannelDevice::openSerial(const char* path) {
+    struct stat status {};
+    if (parked_ && ::stat(path, &status) == 0 && S_ISCHR(status.st_mode) &&
+        status.st_rdev == parked_->number) {
+        return takeParked();
+    }
+    parked_.reset();
+
+    int descriptor = -1;
+    do {
+        descriptor = ::open(path, serialOpenFlags);
+    } while (descriptor < 0 && errno == EINTR);
+    DescriptorGuard opened(descriptor);
+    if (opened.empty()) {
+        return SystemError{errno};
+    }
+    if (::fstat(descriptor, &status) != 0) {
+        return SystemError{errno};
+    }
+    if (S_ISCHR(status.st_mode) && isVirtioPort(status.st_rdev)) {
+        return adoptPort(std::move(opened), status.st_rdev);
+    }
+    return opened;
+}
+
+SystemResult<DescriptorGuard> LinuxChannelDevice::takeParked() {
+    DescriptorGuard descriptor = std::move(parked_->parkedDescriptor);
+    auto port = std::move(parked_);
+    // As a fresh open leaves it.
+    if (::fcntl(descriptor.borrow(), F_SETFL, O_NONBLOCK) != 0) {
+        return SystemError{errno};
+    }
+    ports_[descriptor.borrow()] = std::move(port);
+    return descriptor;
+}
+
+SystemResult<DescriptorGuard> LinuxChannelDevice::adoptPort(DescriptorGuard opened, dev_t number) {
+    auto watch = DescriptorPortCalls::watch(opened.borrow());
+    if (!watch.ok()) {
+        return SystemError{watch.error()};
+    }
+    ports_[opened.borrow()] = std::make_unique<OpenPort>(opened.borrow(), watch.take(), number);
+    return opened;
+}
+
+int LinuxChannelDevice::claimExclusive(int descriptor) {
+    if (::ioctl(descriptor, TIOCEXCL) == 0) {
+        return 0;
+    }
+    // A port knows no such request: its first open already keeps every other out, with EBUSY.
+    return errno == ENOTTY && findPort(descriptor) != nullptr ? 0 : errno;
+}
+
+int LinuxChannelDevice::clearStatusFlags(int descriptor) {
+    return ::fcntl(descriptor, F_SETFL, 0) == 0 ? 0 : errno;
+}
+
+ssize_t LinuxChannelDevice::receive(int descriptor, std::span<char> buffer) {
+    if (descriptor < 0) {  // poll() would wait on it for ever
+        errno = EBADF;
+        return -1;
+    }
+    parked_.reset();
+    OpenPort* const open = findPort(descriptor);
+    return open != nullptr ? open->port.receive(buffer) : receiveFromAny(descriptor, buffer);
+}
+
+void LinuxChannelDevice::send(int descriptor, std::string_view bytes) noexcept {
+    if (descriptor < 0) {
+        return;
+    }
+    parked_.reset();
+    if (OpenPort* const open = findPort(descriptor)) {
+        open->port.send(bytes);
+    } else {
+        sendToAny(descriptor, bytes);
+    }
+}
+
+void LinuxChannelDevice::closeChannel(int descriptor) noexcept {
+    if (descriptor < 0) {
+        return;
+    }
+    auto entry = ports_.extract(descriptor);
+    if (!entry.empty() && entry.mapped()->port.inputHasEnded()) {
+        parked_ = std::move(entry.mapped());
+        parked_->parkedDescriptor = DescriptorGuard(descriptor);
+    } else {
+        ::close(descriptor);
+    }
+}
+
+LinuxChannelDevice::OpenPort* LinuxChannelDevice::findPort(int descriptor) const noexcept {
+    const auto found = ports_.find(descriptor);
+    return found == ports_.end() ? nullptr : found->second.get();
+}
+
+bool LinuxChannelDevice::isVirtioPort(dev_t number) const {
+    const std::filesystem::path device = sysRoot_ + "/dev/char/" + std::to_string(major(number)) +
+                                         ":" + std::to_string(minor(number));
+    std::error_code error;
+    return std::filesystem::read_symlink(device / "subsystem", error).filename() == "virtio-ports";
+}
+
+}  // namespace corvane

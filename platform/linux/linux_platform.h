@@ -1,0 +1,37 @@
+#pragma once
+
+#include <memory>
+
+#include "platform/linux/linux_channel_device.h"
+#include "platform/linux/linux_firmware.h"
+#include "platform/linux/linux_hypervisor.h"
+#include "platform/linux/linux_remote_login.h"
+#include "platform/linux/linux_serial_devices.h"
+#include "platform/linux/linux_vsock_sockets.h"
+#include "platform/platform.h"
+#include "platform/system_log.h"
+
+namespace corvane {
+
+/// All of the agent's services on Linux. Owns them.
+class LinuxPlatform {
+ public:
+    LinuxPlatform();
+    LinuxPlatform(const LinuxPlatform&) = delete;
+    LinuxPlatform& operator=(const LinuxPlatform&) = delete;
+
+    /// Lends them, for as long as this object lives.
+    [[nodiscard]] Platform& services() noexcept { return services_; }
+
+ private:
+    std::unique_ptr<SystemLog> systemLog_;
+    LinuxFirmware firmware_;
+    LinuxSerialDevices serialDevices_;
+    LinuxHypervisor hypervisor_;
+    LinuxChannelDevice channelDevice_;
+    LinuxVsockSockets vsockSockets_;
+    LinuxRemoteLogin remoteLogin_;
+    Platform services_;
+};
+
+}  // namespace corvane

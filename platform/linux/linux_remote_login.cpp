@@ -1,0 +1,9 @@
+#include "platform/linux/linux_remote_login.h"
+
+namespace corvane {
+
+bool LinuxRemoteLogin::isAvailable() {
+    return false;
+}
+
+}  // namespace corvane

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <span>
+#include <string_view>
+#include <utility>
+
+#include "core/descriptor_guard.h"
+#include "core/system_result.h"
+
+namespace corvane {
+
+/// What the logic of a virtio port asks of the kernel. A call each, so that tests can put any
+/// event between any two of them. Failures are -1 with errno set, unless another is named.
+class PortCalls {
+ public:
+    virtual ~PortCalls() = default;
+
+    /// read(2) and write(2).
+    virtual ssize_t read(std::span<char> buffer) = 0;
+    virtual ssize_t write(std::string_view bytes) = 0;
+
+    /// F_GETFL and F_SETFL of fcntl(2).
+    virtual int statusFlags() = 0;
+    virtual int setStatusFlags(int flags) = 0;
+
+    /// Whether the host is connected, as poll(2) tells it now. False, too, when it doesn't.
+    virtual bool hostIsThere() = 0;
+
+    enum class OutputState { ready, hostGone, failed };
+
+    /// Waits until the port takes output or has no host.
+    virtual OutputState waitForOutput() = 0;
+
+    /// Waits until something has happened at the port since the last such wait, or since it was
+    /// opened. It may return for nothing, but never without a wake-up by the kernel or a signal.
+    /// False when it cannot wait.
+    virtual bool waitForChange() = 0;
+};
+
+/// The calls on a real descriptor, which is borrowed.
+class DescriptorPortCalls final : public PortCalls {
+ public:
+    /// Makes the watch that `waitForChange` needs: an edge-triggered epoll, close-on-exec.
+    static SystemResult<DescriptorGuard> watch(int descriptor);
+
+    DescriptorPortCalls(int descriptor, DescriptorGuard watch) noexcept
+        : descriptor_(descriptor), watch_(std::move(watch)) {}
+
+    ssize_t read(std::span<char> buffer) override;
+    ssize_t write(std::string_view bytes) override;
+    int statusFlags() override;
+    int setStatusFlags(int flags) override;
+    bool hostIsThere() override;
+    OutputState waitForOutput() override;
+    bool waitForChange() override;
+
+ private:
+    int descriptor_;
+    DescriptorGuard watch_;
+};
+
+}  // namespace corvane

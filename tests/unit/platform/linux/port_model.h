@@ -1,0 +1,171 @@
+#pragma once
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <deque>
+#include <functional>
+#include <span>
+#include <string>
+#include <utility>
+
+#include "platform/linux/port_calls.h"
+
+namespace corvane {
+
+/// Thrown where the agent would wait with nothing left to happen: it waits for ever.
+struct WaitsForEver {};
+
+/// A port as the kernel's driver has it. What the host does is a list of steps; one is taken
+/// whenever the agent waits, so that each wait must be for something that can come.
+class PortModel final : public PortCalls {
+ public:
+    using Step = std::function<void(PortModel&)>;
+
+    void then(Step step) { steps.push_back(std::move(step)); }
+
+    void connect() {
+        connected = true;
+        ++changes;
+    }
+    void leave() {
+        connected = false;
+        ++changes;
+    }
+    void unplug() {
+        unplugged = true;
+        leave();
+    }
+    void sendToGuest(const std::string& bytes) {
+        inbound += bytes;
+        ++changes;
+    }
+    void readFromGuest(std::size_t count) {
+        space += count;
+        ++changes;
+    }
+
+    ssize_t read(std::span<char> buffer) override {
+        ++reads;
+        while (inbound.empty() && connected && interruptions == 0) {
+            if ((flags & O_NONBLOCK) != 0) {
+                return failure(EAGAIN);
+            }
+            step();
+        }
+        if (unplugged) {
+            return failure(ENODEV);
+        }
+        if (interruptions > 0) {
+            --interruptions;
+            return failure(EINTR);
+        }
+        const std::size_t count = std::min({buffer.size(), inbound.size(), std::size_t{4096}});
+        std::copy_n(inbound.begin(), count, buffer.begin());
+        inbound.erase(0, count);
+        if (afterRead) {
+            std::exchange(afterRead, nullptr)(*this);
+        }
+        return static_cast<ssize_t>(count);
+    }
+
+    ssize_t write(std::string_view bytes) override {
+        ++writes;
+        if (beforeWrite) {
+            std::exchange(beforeWrite, nullptr)(*this);
+        }
+        if (writeError != 0) {
+            return failure(writeError);
+        }
+        if (unplugged) {
+            return failure(ENODEV);
+        }
+        if (!connected || space == 0) {
+            if ((flags & O_NONBLOCK) == 0) {
+                throw WaitsForEver();
+            }
+            return failure(EAGAIN);
+        }
+        if (interruptions > 0) {
+            --interruptions;
+            return failure(EINTR);
+        }
+        if (refusesPieces) {
+            if (writes > 3) {
+                throw WaitsForEver();
+            }
+            errno = EAGAIN;  // of some call before: a success leaves it as it was
+            return 0;
+        }
+        const std::size_t count = std::min({bytes.size(), space, std::size_t{32768}});
+        outbound.append(bytes.substr(0, count));
+        space -= count;
+        return static_cast<ssize_t>(count);
+    }
+
+    int statusFlags() override { return flags; }
+
+    int setStatusFlags(int newFlags) override {
+        if (flagsAreFixed) {
+            return static_cast<int>(failure(EPERM));
+        }
+        flags = newFlags;
+        return 0;
+    }
+
+    bool hostIsThere() override { return connected; }
+
+    OutputState waitForOutput() override {
+        while (connected && space == 0) {
+            step();
+        }
+        return connected ? OutputState::ready : OutputState::hostGone;
+    }
+
+    bool waitForChange() override {
+        ++waits;
+        while (changes == 0) {
+            step();
+        }
+        changes = 0;
+        return canWait;
+    }
+
+    bool connected = false;
+    bool unplugged = false;
+    bool refusesPieces = false;
+    bool flagsAreFixed = false;
+    bool canWait = true;
+    int flags = O_RDWR;
+    int interruptions = 0;
+    int writeError = 0;
+    std::string inbound;
+    std::string outbound;
+    std::size_t space = 1U << 20U;
+    int changes = 0;
+    int reads = 0;
+    int writes = 0;
+    int waits = 0;
+    Step afterRead;
+    Step beforeWrite;
+
+ private:
+    void step() {
+        if (steps.empty()) {
+            throw WaitsForEver();
+        }
+        const Step next = std::move(steps.front());
+        steps.pop_front();
+        next(*this);
+    }
+
+    static ssize_t failure(int error) {
+        errno = error;
+        return -1;
+    }
+
+    std::deque<Step> steps;
+};
+
+}  // namespace corvane

@@ -1,0 +1,258 @@
+#include "platform/linux/virtio_port.h"
+
+#include <fcntl.h>
+
+#include <array>
+#include <cerrno>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/unit/platform/linux/port_model.h"
+
+namespace corvane {
+namespace {
+
+class VirtioPortTest : public testing::Test {
+ protected:
+    ssize_t receive() { return port_.receive(buffer_); }
+
+    std::string receiveText() {
+        const ssize_t count = receive();
+        return count < 0 ? "error" : std::string(buffer_.data(), static_cast<std::size_t>(count));
+    }
+
+    PortModel model_;
+    VirtioPort port_{model_};
+    std::array<char, 8192> buffer_{};
+};
+
+TEST_F(VirtioPortTest, APortThatNoHostHasOpenedIsWaitedOn) {
+    EXPECT_THROW(receive(), WaitsForEver);
+    EXPECT_EQ(model_.reads, 1);
+}
+
+TEST_F(VirtioPortTest, WhatAHostSendsIsReceived) {
+    model_.then([](PortModel& model) { model.connect(); });
+    model_.then([](PortModel& model) { model.sendToGuest("ping\n"); });
+    EXPECT_EQ(receiveText(), "ping\n");
+    EXPECT_FALSE(port_.inputHasEnded());
+}
+
+TEST_F(VirtioPortTest, WakeUpsForNothingCostOneReadEach) {
+    for (int wakeUp = 0; wakeUp < 5; ++wakeUp) {
+        model_.then([](PortModel& model) { ++model.changes; });
+    }
+    EXPECT_THROW(receive(), WaitsForEver);
+    EXPECT_EQ(model_.reads, 6);
+}
+
+TEST_F(VirtioPortTest, AHostThatLeavesWithoutAWordEndsTheInputOnce) {
+    model_.then([](PortModel& model) { model.connect(); });
+    model_.then([](PortModel& model) { model.leave(); });
+    EXPECT_EQ(receive(), 0);
+    EXPECT_TRUE(port_.inputHasEnded());
+    EXPECT_THROW(receive(), WaitsForEver);
+    EXPECT_FALSE(port_.inputHasEnded());
+}
+
+TEST_F(VirtioPortTest, AHostThatIsOnlyNoticedByItsBytesIsAnsweredAndItsLeavingTold) {
+    model_.then([](PortModel& model) {
+        model.connect();
+        model.sendToGuest("ping\n");
+        model.leave();
+    });
+    EXPECT_EQ(receiveText(), "ping\n");
+    EXPECT_EQ(receive(), 0);
+    EXPECT_TRUE(port_.inputHasEnded());
+    EXPECT_THROW(receive(), WaitsForEver);
+}
+
+TEST_F(VirtioPortTest, WhatWasSentBeforeLeavingIsReceivedBeforeTheEnd) {
+    model_.connect();
+    model_.sendToGuest(std::string(5000, 'x'));
+    model_.leave();
+    EXPECT_EQ(receive(), 4096);
+    EXPECT_EQ(receive(), 904);
+    EXPECT_EQ(receive(), 0);
+}
+
+TEST_F(VirtioPortTest, WhatWaitedForTheAgentsStartIsReceived) {
+    model_.inbound = "ping\n";
+    EXPECT_EQ(receiveText(), "ping\n");
+    EXPECT_EQ(receive(), 0);
+}
+
+TEST_F(VirtioPortTest, TheNextHostIsServedAfterAnEnd) {
+    model_.connect();
+    model_.then([](PortModel& model) { model.leave(); });
+    EXPECT_EQ(receive(), 0);
+    model_.then([](PortModel& model) { model.connect(); });
+    model_.then([](PortModel& model) { model.sendToGuest("again\n"); });
+    EXPECT_EQ(receiveText(), "again\n");
+    model_.then([](PortModel& model) { model.leave(); });
+    EXPECT_EQ(receive(), 0);
+}
+
+TEST_F(VirtioPortTest, AHostThatCameBackBeforeTheEndWasTakenInIsNotTakenForAnEnd) {
+    model_.connect();
+    model_.then([](PortModel& model) { model.leave(); });
+    EXPECT_EQ(receive(), 0);
+    model_.connect();
+    model_.sendToGuest("again\n");
+    EXPECT_EQ(receiveText(), "again\n");
+}
+
+TEST_F(VirtioPortTest, AHostThatComesBetweenTheReadAndTheWaitIsNotMissed) {
+    model_.afterRead = [](PortModel& model) {
+        model.connect();
+        model.sendToGuest("ping\n");
+    };
+    EXPECT_EQ(receiveText(), "ping\n");
+}
+
+TEST_F(VirtioPortTest, ASignalDoesNotEndTheInput) {
+    model_.connect();
+    model_.interruptions = 3;
+    model_.then([](PortModel& model) { model.sendToGuest("ping\n"); });
+    EXPECT_EQ(receiveText(), "ping\n");
+    EXPECT_EQ(model_.reads, 4);
+}
+
+TEST_F(VirtioPortTest, APortThatDoesNotBlockIsWaitedOnAllTheSame) {
+    model_.flags |= O_NONBLOCK;
+    model_.connect();
+    model_.then([](PortModel& model) { model.sendToGuest("ping\n"); });
+    EXPECT_EQ(receiveText(), "ping\n");
+    EXPECT_LE(model_.reads, 3);
+}
+
+TEST_F(VirtioPortTest, AnUnpluggedPortIsAnErrorAndNoEnd) {
+    model_.connect();
+    model_.then([](PortModel& model) { model.unplug(); });
+    EXPECT_EQ(receive(), -1);
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_FALSE(port_.inputHasEnded());
+}
+
+TEST_F(VirtioPortTest, APortThatIsUnpluggedWithoutAHostIsAnError) {
+    model_.then([](PortModel& model) { model.unplug(); });
+    EXPECT_EQ(receive(), -1);
+    EXPECT_FALSE(port_.inputHasEnded());
+}
+
+TEST_F(VirtioPortTest, APortThatCannotBeWaitedOnIsAnErrorAndNoSpin) {
+    model_.canWait = false;
+    model_.changes = 1;
+    EXPECT_EQ(receive(), -1);
+    EXPECT_EQ(model_.reads, 1);
+}
+
+TEST_F(VirtioPortTest, ALongResponseGoesOutWholeAndInOrder) {
+    model_.connect();
+    std::string response;
+    for (int number = 0; number < 20000; ++number) {
+        response += std::to_string(number) + ",";
+    }
+    port_.send(response);
+    EXPECT_EQ(model_.outbound, response);
+    EXPECT_GT(model_.writes, 2);
+}
+
+TEST_F(VirtioPortTest, AHostThatReadsSlowlyGetsEverything) {
+    model_.connect();
+    model_.space = 10;
+    for (int turn = 0; turn < 9; ++turn) {
+        model_.then([](PortModel& model) { model.readFromGuest(10); });
+    }
+    const std::string response(100, 'x');
+    port_.send(response);
+    EXPECT_EQ(model_.outbound, response);
+}
+
+TEST_F(VirtioPortTest, AHostThatDoesNotReadHoldsTheSender) {
+    model_.connect();
+    model_.space = 10;
+    EXPECT_THROW(port_.send(std::string(11, 'x')), WaitsForEver);
+}
+
+TEST_F(VirtioPortTest, AHostThatLeavesLosesTheRestAndFreesTheSender) {
+    model_.connect();
+    model_.space = 10;
+    model_.then([](PortModel& model) { model.leave(); });
+    port_.send(std::string(100, 'x'));
+    EXPECT_EQ(model_.outbound.size(), 10U);
+    EXPECT_EQ(model_.flags, O_RDWR);
+}
+
+TEST_F(VirtioPortTest, AHostThatLeavesBetweenTheWaitAndTheWriteFreesTheSenderToo) {
+    model_.connect();
+    model_.beforeWrite = [](PortModel& model) { model.leave(); };
+    port_.send("response\n");
+    EXPECT_EQ(model_.outbound, "");
+    EXPECT_EQ(model_.writes, 1);
+}
+
+TEST_F(VirtioPortTest, WithoutAHostAResponseIsDropped) {
+    port_.send("response\n");
+    EXPECT_EQ(model_.writes, 0);
+    EXPECT_EQ(model_.flags, O_RDWR);
+}
+
+TEST_F(VirtioPortTest, AHostThatLeftDuringAResponseStillEndsTheInputOnce) {
+    model_.connect();
+    model_.sendToGuest("ping\n");
+    EXPECT_EQ(receiveText(), "ping\n");
+    model_.leave();
+    port_.send("response\n");
+    EXPECT_EQ(receive(), 0);
+    EXPECT_THROW(receive(), WaitsForEver);
+}
+
+TEST_F(VirtioPortTest, ASignalLosesNoByteOfAResponseAndDoublesNone) {
+    model_.connect();
+    model_.interruptions = 2;
+    port_.send("response\n");
+    EXPECT_EQ(model_.outbound, "response\n");
+}
+
+TEST_F(VirtioPortTest, AResponseIsWrittenWithoutBlockingAndTheFlagsAreAsBefore) {
+    model_.connect();
+    int flagsAtWrite = 0;
+    model_.beforeWrite = [&flagsAtWrite](PortModel& model) { flagsAtWrite = model.flags; };
+    port_.send("response\n");
+    EXPECT_EQ(flagsAtWrite, O_RDWR | O_NONBLOCK);
+    EXPECT_EQ(model_.flags, O_RDWR);
+}
+
+TEST_F(VirtioPortTest, APortThatRefusesAPieceIsNotTriedForEver) {
+    model_.connect();
+    model_.refusesPieces = true;
+    port_.send("response\n");
+    EXPECT_EQ(model_.writes, 1);
+}
+
+TEST_F(VirtioPortTest, APortThatFailsIsNotTriedForEver) {
+    model_.connect();
+    model_.writeError = ENOMEM;
+    port_.send("response\n");
+    EXPECT_EQ(model_.writes, 1);
+    EXPECT_EQ(model_.flags, O_RDWR);
+}
+
+TEST_F(VirtioPortTest, APortUnpluggedDuringAResponseFreesTheSender) {
+    model_.connect();
+    model_.beforeWrite = [](PortModel& model) { model.unplug(); };
+    port_.send("response\n");
+    EXPECT_EQ(model_.outbound, "");
+}
+
+TEST_F(VirtioPortTest, NothingIsWrittenThatCouldBlockForEver) {
+    model_.connect();
+    model_.flagsAreFixed = true;
+    port_.send("response\n");
+    EXPECT_EQ(model_.writes, 0);
+}
+
+}  // namespace
+}  // namespace corvane
