@@ -57,9 +57,13 @@ PortCalls::OutputState DescriptorPortCalls::waitForOutput() {
     return (waited.revents & POLLHUP) != 0 ? OutputState::hostGone : OutputState::failed;
 }
 
-bool DescriptorPortCalls::waitForChange() {
+PortCalls::Change DescriptorPortCalls::waitForChange(int limit) {
     epoll_event event{};
-    return ::epoll_wait(watch_.borrow(), &event, 1, -1) >= 0 || errno == EINTR;
+    const int count = ::epoll_wait(watch_.borrow(), &event, 1, limit);
+    if (count == 0) {
+        return Change::none;
+    }
+    return count > 0 || errno == EINTR ? Change::happened : Change::failed;
 }
 
 }  // namespace corvane

@@ -33,10 +33,14 @@ class PortCalls {
     /// Waits until the port takes output or has no host.
     virtual OutputState waitForOutput() = 0;
 
+    enum class Change { happened, none, failed };
+
     /// Waits until something has happened at the port since the last such wait, or since it was
-    /// opened. It may return for nothing, but never without a wake-up by the kernel or a signal.
-    /// False when it cannot wait.
-    virtual bool waitForChange() = 0;
+    /// opened, or until `limit` milliseconds are over. It may return for nothing, but never without
+    /// a wake-up by the kernel or a signal.
+    virtual Change waitForChange(int limit) = 0;
+
+    static constexpr int noLimit = -1;
 };
 
 /// The calls on a real descriptor, which is borrowed.
@@ -54,7 +58,7 @@ class DescriptorPortCalls final : public PortCalls {
     int setStatusFlags(int flags) override;
     bool hostIsThere() override;
     OutputState waitForOutput() override;
-    bool waitForChange() override;
+    Change waitForChange(int limit) override;
 
  private:
     int descriptor_;

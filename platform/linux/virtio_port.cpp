@@ -3,26 +3,31 @@
 #include <fcntl.h>
 
 #include <cerrno>
-#include <utility>
 
 namespace corvane {
+
+namespace {
+
+/// How long the notice of a host may take. It is handled by a kernel thread that is woken before
+/// the host's bytes are there, so that this is ample; a host that does come ends the wait at once.
+constexpr int noticeLimit = 1000;  // milliseconds
+
+}  // namespace
 
 ssize_t VirtioPort::receive(std::span<char> buffer) {
     inputHasEnded_ = false;
     for (;;) {
-        if (calls_.hostIsThere()) {
-            hostConnected_ = true;
+        const bool hostIsThere = calls_.hostIsThere();
+        if (hostIsThere) {
+            host_ = Host::seen;
         }
         const ssize_t count = calls_.read(buffer);
         if (count > 0) {
-            // Bytes prove a host, even one that has left before we could see it: its leaving is
-            // still an end to be told.
-            hostConnected_ = true;
+            // Bytes prove a host, even one that we never see: its leaving is an end to be told.
+            if (!hostIsThere && host_ != Host::gone) {
+                host_ = Host::heard;
+            }
             return count;
-        }
-        if (count == 0 && std::exchange(hostConnected_, false)) {
-            inputHasEnded_ = true;
-            return 0;
         }
         if (count < 0 && errno == EINTR) {
             continue;
@@ -30,8 +35,16 @@ ssize_t VirtioPort::receive(std::span<char> buffer) {
         if (count < 0 && errno != EAGAIN) {
             return -1;
         }
+        if (count == 0 && host_ != Host::absent) {
+            if (host_ == Host::heard && noticeMayHaveCome()) {
+                continue;
+            }
+            host_ = Host::absent;
+            inputHasEnded_ = true;
+            return 0;
+        }
         // Nobody is there. What happened since the read is not missed: the watch remembers it.
-        if (!calls_.waitForChange()) {
+        if (calls_.waitForChange(PortCalls::noLimit) == PortCalls::Change::failed) {
             return -1;
         }
     }
@@ -50,7 +63,7 @@ void VirtioPort::send(std::string_view bytes) {
 
 void VirtioPort::sendPieces(std::string_view bytes) {
     while (!bytes.empty()) {
-        if (calls_.waitForOutput() != PortCalls::OutputState::ready) {
+        if (!hostTakesOutput()) {
             return;
         }
         const ssize_t count = calls_.write(bytes);
@@ -61,6 +74,28 @@ void VirtioPort::sendPieces(std::string_view bytes) {
             return;
         }
     }
+}
+
+bool VirtioPort::hostTakesOutput() {
+    for (;;) {
+        const PortCalls::OutputState state = calls_.waitForOutput();
+        if (state != PortCalls::OutputState::hostGone) {
+            return state == PortCalls::OutputState::ready;
+        }
+        if (host_ != Host::heard || !noticeMayHaveCome()) {
+            return false;
+        }
+    }
+}
+
+/// Waits for the notice of a host that was heard. False when it has left; the rest of what it sent
+/// is not waited for again.
+bool VirtioPort::noticeMayHaveCome() {
+    if (calls_.waitForChange(noticeLimit) == PortCalls::Change::happened) {
+        return true;
+    }
+    host_ = Host::gone;
+    return false;
 }
 
 }  // namespace corvane

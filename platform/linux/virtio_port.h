@@ -9,7 +9,11 @@ namespace corvane {
 /// and a blocked write outlasts the host that it was meant for.
 ///
 /// Here the input ends when the host goes from connected to not connected, once; then, and before
-/// the first host, the port waits for one, without using the processor. Main thread.
+/// the first host, the port waits for one, without using the processor.
+///
+/// A host's bytes may overtake the kernel's notice that it has connected: they come by another
+/// queue. Bytes of a host that is not shown as connected are thus either early or a legacy, and the
+/// notice is waited for, for a short while, before the host counts as gone. Main thread.
 class VirtioPort {
  public:
     /// Borrows `calls`.
@@ -26,10 +30,19 @@ class VirtioPort {
     [[nodiscard]] bool inputHasEnded() const noexcept { return inputHasEnded_; }
 
  private:
+    enum class Host {
+        absent,  ///< none has come since the last end
+        seen,    ///< the kernel showed it as connected when we last looked
+        heard,   ///< its last bytes came while the kernel showed no host
+        gone,    ///< heard, and waited for in vain: its end is still to be told
+    };
+
     void sendPieces(std::string_view bytes);
+    bool hostTakesOutput();
+    bool noticeMayHaveCome();
 
     PortCalls& calls_;
-    bool hostConnected_ = false;  ///< as far as the receiver knows
+    Host host_ = Host::absent;
     bool inputHasEnded_ = false;
 };
 

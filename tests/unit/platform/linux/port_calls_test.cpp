@@ -54,23 +54,24 @@ TEST_F(PortCallsTest, ADescriptorThatIsNoneHasNoHost) {
     DescriptorPortCalls closed(1 << 20, DescriptorGuard());
     EXPECT_FALSE(closed.hostIsThere());
     EXPECT_EQ(closed.waitForOutput(), PortCalls::OutputState::failed);
-    EXPECT_FALSE(none.waitForChange());
+    EXPECT_EQ(none.waitForChange(PortCalls::noLimit), PortCalls::Change::failed);
 }
 
 TEST_F(PortCallsTest, AChangeThatCameBeforeTheWaitEndsIt) {
     hostSends("x");
-    EXPECT_TRUE(calls_->waitForChange());
+    EXPECT_EQ(calls_->waitForChange(PortCalls::noLimit), PortCalls::Change::happened);
     EXPECT_EQ(calls_->read(buffer_), 1);
 }
 
 TEST_F(PortCallsTest, EveryChangeEndsAWaitOfItsOwn) {
-    EXPECT_TRUE(calls_->waitForChange());  // the port's first state counts as one
+    EXPECT_EQ(calls_->waitForChange(PortCalls::noLimit),
+              PortCalls::Change::happened);  // the port's first state counts as one
     std::thread host([this] { hostSends("x"); });
-    EXPECT_TRUE(calls_->waitForChange());
+    EXPECT_EQ(calls_->waitForChange(PortCalls::noLimit), PortCalls::Change::happened);
     host.join();
     EXPECT_EQ(calls_->read(buffer_), 1);
     host_.closeNow();
-    EXPECT_TRUE(calls_->waitForChange());
+    EXPECT_EQ(calls_->waitForChange(PortCalls::noLimit), PortCalls::Change::happened);
 }
 
 TEST_F(PortCallsTest, APortWithoutBlockingIsReceivedFromWhenTheHostSends) {
@@ -113,6 +114,11 @@ TEST_F(PortCallsTest, AHostThatLeavesInTheMiddleFreesTheSender) {
     VirtioPort(*calls_).send(std::string(4U << 20U, 'x'));
     host.join();
     EXPECT_EQ(calls_->statusFlags() & O_NONBLOCK, 0);
+}
+
+TEST_F(PortCallsTest, AWaitWithALimitEndsWhenNothingHappens) {
+    EXPECT_EQ(calls_->waitForChange(PortCalls::noLimit), PortCalls::Change::happened);
+    EXPECT_EQ(calls_->waitForChange(1), PortCalls::Change::none);
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ class PortModel final : public PortCalls {
  public:
     using Step = std::function<void(PortModel&)>;
 
-    void then(Step step) { steps.push_back(std::move(step)); }
+    void then(Step step) { steps_.push_back(std::move(step)); }
 
     void connect() {
         connected = true;
@@ -123,13 +123,17 @@ class PortModel final : public PortCalls {
         return connected ? OutputState::ready : OutputState::hostGone;
     }
 
-    bool waitForChange() override {
+    Change waitForChange(int limit) override {
         ++waits;
         while (changes == 0) {
+            if (steps_.empty() && limit != noLimit) {
+                ++timeouts;
+                return Change::none;
+            }
             step();
         }
         changes = 0;
-        return canWait;
+        return canWait ? Change::happened : Change::failed;
     }
 
     bool connected = false;
@@ -147,16 +151,17 @@ class PortModel final : public PortCalls {
     int reads = 0;
     int writes = 0;
     int waits = 0;
+    int timeouts = 0;
     Step afterRead;
     Step beforeWrite;
 
  private:
     void step() {
-        if (steps.empty()) {
+        if (steps_.empty()) {
             throw WaitsForEver();
         }
-        const Step next = std::move(steps.front());
-        steps.pop_front();
+        const Step next = std::move(steps_.front());
+        steps_.pop_front();
         next(*this);
     }
 
@@ -165,7 +170,7 @@ class PortModel final : public PortCalls {
         return -1;
     }
 
-    std::deque<Step> steps;
+    std::deque<Step> steps_;
 };
 
 }  // namespace corvane

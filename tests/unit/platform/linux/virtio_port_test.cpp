@@ -209,6 +209,63 @@ TEST_F(VirtioPortTest, AHostThatLeftDuringAResponseStillEndsTheInputOnce) {
     EXPECT_THROW(receive(), WaitsForEver);
 }
 
+TEST_F(VirtioPortTest, AHostWhoseBytesComeBeforeItsNoticeIsAnswered) {
+    model_.then([](PortModel& model) { model.sendToGuest("ping\n"); });
+    EXPECT_EQ(receiveText(), "ping\n");
+    model_.then([](PortModel& model) { ++model.changes; });
+    model_.then([](PortModel& model) { model.connect(); });
+    port_.send("response\n");
+    EXPECT_EQ(model_.outbound, "response\n");
+    model_.then([](PortModel& model) { model.leave(); });
+    EXPECT_EQ(receive(), 0);
+    EXPECT_EQ(model_.timeouts, 0);
+}
+
+TEST_F(VirtioPortTest, AHostWhoseBytesComeBeforeItsNoticeHasNotLeft) {
+    model_.then([](PortModel& model) { model.sendToGuest("half"); });
+    EXPECT_EQ(receiveText(), "half");
+    model_.then([](PortModel& model) { model.connect(); });
+    model_.then([](PortModel& model) { model.sendToGuest("a request\n"); });
+    EXPECT_EQ(receiveText(), "a request\n");
+}
+
+TEST_F(VirtioPortTest, ANewHostIsAnsweredWhoseBytesComeAfterTheOldOneLeftAndBeforeItsNotice) {
+    model_.connect();
+    model_.sendToGuest("old\n");
+    EXPECT_EQ(receiveText(), "old\n");
+    port_.send("to old\n");
+    model_.leave();
+    model_.sendToGuest("new\n");
+    EXPECT_EQ(receiveText(), "new\n");
+    model_.then([](PortModel& model) { model.connect(); });
+    port_.send("to new\n");
+    EXPECT_EQ(model_.outbound, "to old\nto new\n");
+}
+
+TEST_F(VirtioPortTest, AHostThatHasLeftIsWaitedForOnceHoweverMuchItSent) {
+    model_.connect();
+    model_.sendToGuest(std::string(3 * 4096, '\n'));
+    model_.leave();
+    for (int part = 0; part < 3; ++part) {
+        EXPECT_EQ(receive(), 4096);
+        port_.send("response\n");
+        port_.send("response\n");
+    }
+    EXPECT_EQ(model_.timeouts, 1);
+    EXPECT_EQ(receive(), 0);
+    EXPECT_EQ(model_.timeouts, 1);
+}
+
+TEST_F(VirtioPortTest, AHostThatWasSeenAndLeftIsNotWaitedFor) {
+    model_.connect();
+    model_.sendToGuest("ping\n");
+    EXPECT_EQ(receiveText(), "ping\n");
+    model_.leave();
+    port_.send("response\n");
+    EXPECT_EQ(receive(), 0);
+    EXPECT_EQ(model_.waits, 0);
+}
+
 TEST_F(VirtioPortTest, ASignalLosesNoByteOfAResponseAndDoublesNone) {
     model_.connect();
     model_.interruptions = 2;
