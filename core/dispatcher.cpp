@@ -11,6 +11,15 @@ namespace corvane {
 
 namespace {
 
+/// Sized beforehand: a name may be as long as a request.
+std::string quotedCommand(const std::string& name) {
+    std::string text = "Invalid command '";
+    text.reserve(text.size() + name.size() + 1);
+    text += name;
+    text += '\'';
+    return text;
+}
+
 JsonValue callHandler(const CommandHandler& handler, const JsonObject* arguments) {
     try {
         if (const auto* plain = std::get_if<PlainHandler>(&handler)) {
@@ -31,7 +40,7 @@ JsonValue answerCommand(const JsonValue& execute, const JsonObject* arguments) {
     const auto command = std::ranges::find(commands, *name, &Command::name);
     if (command == commands.end() || std::holds_alternative<std::monostate>(command->handler)) {
         logStatus(false, "Unknown command: %s\n", name->c_str());
-        return makeErrorResponse(commandNotFound, "Invalid command '" + *name + "'");
+        return makeErrorResponse(commandNotFound, quotedCommand(*name));
     }
     return callHandler(command->handler, arguments);
 }

@@ -14,6 +14,8 @@
 #define BOOST_JSON_STACK_BUFFER_SIZE 1024
 #include <boost/json/basic_parser_impl.hpp>
 
+#include "core/heap.h"
+
 namespace corvane {
 
 namespace {
@@ -29,6 +31,11 @@ constexpr std::size_t feedLimit = 1024 - 16;
 /// room that the rest of the line could fill, for its copies would cost time and memory in
 /// proportion to the line; memory that is reserved and not touched costs nothing.
 constexpr std::size_t growthLimit = 64 * 1024;
+
+/// The memory of a line of this size goes back to the system as soon as it has been read: its
+/// pieces lie scattered between others in the heap and would not serve the large buffers of an
+/// answer.
+constexpr std::size_t largeLine = 1024 * 1024;
 
 class ValueBuilder {
  public:
@@ -204,6 +211,9 @@ JsonOutcome readJson(RequestLine line) {
             }
             rest.remove_prefix(piece.size());
         }
+    }
+    if (lineSize >= largeLine) {
+        trimHeap();
     }
     parser.write_some(false, "", 0, error);
     if (error) {

@@ -3,8 +3,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <new>
+#include <optional>
 
 #include "core/json_writer.h"
 #include "core/masked_value.h"
@@ -15,9 +15,23 @@ namespace corvane {
 
 namespace {
 
-struct HeapTextDeleter {
-    void operator()(char* text) const noexcept { std::free(text); }
-};
+/// What printf(3) would print; nothing when it can't be formatted or memory does not suffice.
+std::optional<std::string> formatted(const char* format, std::va_list values) {
+    std::va_list again;
+    va_copy(again, values);
+    const int length = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    if (length < 0) {
+        return std::nullopt;
+    }
+    try {
+        std::string text(static_cast<std::size_t>(length), '\0');
+        std::vsnprintf(text.data(), text.size() + 1, format, values);
+        return text;
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;
+    }
+}
 
 /// Writes a transaction entry that `makeText` makes, only when it will be kept. An entry that
 /// memory does not suffice for is left out: the request matters more than its trace.
@@ -52,15 +66,12 @@ JsonValue makeSuccessResponse(JsonValue result) {
 }
 
 void logStatus(bool fatal, const char* format, ...) {
-    char* formatted = nullptr;
     std::va_list values;
     va_start(values, format);
-    const int length = vasprintf(&formatted, format, values);
+    const std::optional<std::string> text = formatted(format, values);
     va_end(values);
-    if (length >= 0) {
-        const std::unique_ptr<char, HeapTextDeleter> text(formatted);
-        platform().systemLog.write(LogCategory::status,
-                                   {text.get(), static_cast<std::size_t>(length)});
+    if (text) {
+        platform().systemLog.write(LogCategory::status, *text);
     }
     if (fatal) {
         std::exit(EXIT_FAILURE);
