@@ -1,0 +1,103 @@
+// Runs the benchmarks several times over, in mixed order, and prints the ratios that matter.
+
+#include <signal.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "bench/large_request_bench.h"
+#include "bench/ratio_report.h"
+#include "core/heap.h"
+
+namespace {
+
+using corvane::Ratio;
+
+/// What counts as missed by a lot: the machine that runs this is seldom quiet.
+constexpr double tolerance = 1.5;
+
+/// A string that stays needs memory that it did not have before, so that its limit is a copy to
+/// fresh memory; a copy within memory that is in use, and in the cache, is shown beside it.
+const std::vector<Ratio>& targets() {
+    static const std::vector<Ratio> all = {
+        {"pings per second, of those of a bare echo", "ping/echo", "ping/agent",
+         Ratio::Target::atLeast, 0.8},
+        {"the same on one processor", "ping1/echo", "ping1/agent", Ratio::Target::atLeast, 0.8},
+        {"16 MiB argument, in copies of it", "large/argument", "large/memcpy",
+         Ratio::Target::atMost, 0},
+        {"16 MiB command name, in copies of it", "large/unknown_command", "large/memcpy",
+         Ratio::Target::atMost, 0},
+        {"16 MiB argument, in copies to fresh memory", "large/argument", "large/memcpy_fresh",
+         Ratio::Target::atMost, 4},
+        {"16 MiB command name, in copies to fresh memory", "large/unknown_command",
+         "large/memcpy_fresh", Ratio::Target::atMost, 4},
+        {"line of 100 MB, in lines of 10 MB", "line/read_100MB", "line/read_10MB",
+         Ratio::Target::atMost, 12},
+        {"the same over a socket", "line/socket_100MB", "line/socket_10MB", Ratio::Target::atMost,
+         12},
+    };
+    return all;
+}
+
+/// The program's own arguments, and defaults of the library's that stand before the given ones.
+std::vector<std::string> takeArguments(int argc, char** argv, bool& check) {
+    std::vector<std::string> arguments = {argv[0], "--benchmark_repetitions=5",
+                                          "--benchmark_enable_random_interleaving=true",
+                                          "--benchmark_min_time=0.2"};
+    for (int i = 1; i < argc; ++i) {
+        if (std::string_view(argv[i]) == "--check") {
+            check = true;
+        } else {
+            arguments.emplace_back(argv[i]);
+        }
+    }
+    return arguments;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bool check = false;
+    std::vector<std::string> arguments = takeArguments(argc, argv, check);
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments) {
+        pointers.push_back(argument.data());
+    }
+    int count = static_cast<int>(pointers.size());
+    benchmark::Initialize(&count, pointers.data());
+    if (benchmark::ReportUnrecognizedArguments(count, pointers.data())) {
+        return 2;
+    }
+    ::signal(SIGPIPE, SIG_IGN);
+    corvane::keepHeapSmall();
+
+    // Before the benchmarks have used memory.
+    const double ofArgument = corvane::extraMemoryOfArgument();
+    const double ofCommand = corvane::extraMemoryOfUnknownCommand();
+
+    corvane::RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+
+    std::printf("\n");
+    double worst = 0;
+    for (const Ratio& ratio : targets()) {
+        if (const auto values = reporter.ratios(ratio); !values.empty()) {
+            worst = std::max(worst, corvane::printRatio(ratio, values));
+        }
+    }
+    const auto extraMemory = [](const char* what) {
+        return Ratio{what, {}, {}, Ratio::Target::atMost, 1.2};
+    };
+    worst = std::max(
+        worst,
+        corvane::printRatio(extraMemory("extra memory for the argument, in lines"), {ofArgument}));
+    worst = std::max(worst,
+                     corvane::printRatio(extraMemory("extra memory for the command name, in lines"),
+                                         {ofCommand}));
+    return check && worst > tolerance ? 1 : 0;
+}

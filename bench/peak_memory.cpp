@@ -1,0 +1,57 @@
+#include "bench/peak_memory.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+
+namespace corvane {
+
+namespace {
+
+/// A figure of /proc/self/status, in bytes.
+std::size_t memoryFigure(const std::string& name) {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        if (word == name) {
+            std::size_t kibibytes = 0;
+            status >> kibibytes;
+            return kibibytes * 1024;
+        }
+    }
+    throw std::runtime_error("no figure " + name);
+}
+
+}  // namespace
+
+std::size_t peakExtraMemory(const std::function<void()>& prepare,
+                            const std::function<void()>& action) {
+    std::array<int, 2> ends{};
+    if (::pipe(ends.data()) != 0) {
+        throw std::runtime_error("no pipe");
+    }
+    const pid_t child = ::fork();
+    if (child == 0) {
+        prepare();
+        std::ofstream("/proc/self/clear_refs") << "5" << std::flush;
+        const std::size_t before = memoryFigure("VmRSS:");
+        action();
+        const std::size_t extra = memoryFigure("VmHWM:") - before;
+        const ssize_t written = ::write(ends[1], &extra, sizeof extra);
+        ::_exit(written == sizeof extra ? 0 : 1);
+    }
+    ::close(ends[1]);
+    std::size_t extra = 0;
+    const ssize_t got = ::read(ends[0], &extra, sizeof extra);
+    ::close(ends[0]);
+    ::waitpid(child, nullptr, 0);
+    if (got != sizeof extra) {
+        throw std::runtime_error("the measured process failed");
+    }
+    return extra;
+}
+
+}  // namespace corvane
