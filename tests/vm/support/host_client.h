@@ -1,0 +1,32 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "tests/vm/support/line_socket.h"
+
+namespace corvane::vm {
+
+/// One host at the agent's channel.
+class HostClient {
+ public:
+    /// Connects to QEMU's socket of the port. The agent need not be there yet.
+    explicit HostClient(const std::string& socketPath) : socket_(socketPath) {}
+
+    /// Brings both ends in step: resets the agent's pending input and skips everything that was
+    /// meant for an earlier host, until the answer with an id of its own arrives.
+    void synchronise();
+
+    /// Sends one request line and returns the line that answers it, without line feeds.
+    std::string request(std::string_view json, Limit limit = hangLimit);
+
+    void send(std::string_view bytes) { socket_.send(bytes); }
+    std::string receiveLine(Limit limit = hangLimit) { return socket_.receiveLine(limit); }
+    std::string receive(std::size_t count) { return socket_.receive(count); }
+    void disconnect() { socket_.disconnect(); }
+
+ private:
+    LineSocket socket_;
+};
+
+}  // namespace corvane::vm

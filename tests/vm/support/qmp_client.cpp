@@ -1,0 +1,25 @@
+#include "tests/vm/support/qmp_client.h"
+
+#include <stdexcept>
+
+namespace corvane::vm {
+
+QmpClient::QmpClient(const std::string& socketPath) : socket_(socketPath) {
+    socket_.receiveLine();  // the greeting
+    execute("qmp_capabilities");
+}
+
+std::string QmpClient::execute(std::string_view command) {
+    socket_.send("{\"execute\":\"" + std::string(command) + "\"}\n");
+    for (;;) {
+        std::string line = socket_.receiveLine();
+        if (line.starts_with("{\"return\"")) {
+            return line;
+        }
+        if (line.starts_with("{\"error\"")) {
+            throw std::runtime_error(line);
+        }
+    }
+}
+
+}  // namespace corvane::vm

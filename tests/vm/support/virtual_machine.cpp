@@ -1,0 +1,194 @@
+#include "tests/vm/support/virtual_machine.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <cstdlib>
+#include <fstream>
+#include <spawn.h>
+#include <system_error>
+
+namespace corvane::vm {
+namespace {
+
+std::filesystem::path makeDirectory() {
+    std::string name = "/tmp/corvane-vm.XXXXXX";  // short: socket paths end at 107 bytes
+    if (::mkdtemp(name.data()) == nullptr) {
+        throw std::system_error(errno, std::generic_category(), "mkdtemp");
+    }
+    return name;
+}
+
+std::string kernelCommandLine(const MachineOptions& options) {
+    std::string line = "console=ttyS0 quiet panic=-1";
+    if (options.console) {
+        line += " corvane.channel=hvc0";
+    }
+    if (options.vsockLoopback) {
+        line += " corvane.vsock=loopback";
+    }
+    if (!options.startAgent) {
+        line += " corvane.agent=stopped";
+    }
+    for (const std::string& word : options.kernelWords) {
+        line += ' ' + word;
+    }
+    return line;
+}
+
+/// A socket chardev on a listener that is made here and inherited: it can be connected to at once,
+/// with no wait for QEMU to make it.
+std::string socketDevice(const std::string& id, const Descriptor& listener) {
+    return "socket,id=" + id + ",server=on,wait=off,fd=" + std::to_string(listener.borrow());
+}
+
+void runProgram(const std::vector<std::string>& words, const std::filesystem::path& outputPath,
+                std::initializer_list<int> inherited, bool endWithParent, pid_t parent) {
+    if (endWithParent) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) {
+            ::_exit(127);
+        }
+    } else {
+        ::setsid();
+    }
+    const int input = ::open("/dev/null", O_RDONLY);
+    const int output = ::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    ::dup2(input, STDIN_FILENO);
+    ::dup2(output, STDOUT_FILENO);
+    ::dup2(output, STDERR_FILENO);
+    for (const int descriptor : inherited) {
+        ::fcntl(descriptor, F_SETFD, 0);
+    }
+    std::vector<char*> arguments;
+    for (const std::string& word : words) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    ::execvp(arguments[0], arguments.data());
+    ::perror(arguments[0]);
+    ::_exit(127);
+}
+
+}  // namespace
+
+VirtualMachine::VirtualMachine(const std::filesystem::path& imageDirectory,
+                               const MachineOptions& options)
+    : directory_(makeDirectory()) {
+    try {
+        start(imageDirectory, options);
+    } catch (...) {
+        end();
+        throw;
+    }
+}
+
+VirtualMachine::~VirtualMachine() {
+    end();
+}
+
+void VirtualMachine::start(const std::filesystem::path& imageDirectory,
+                           const MachineOptions& options) {
+    Descriptor channel = listenAt(channelPath());
+    Descriptor control = listenAt(directory_ / "control");
+    Descriptor monitor = listenAt(directory_ / "qmp");
+    const std::string console = directory_ / "console.log";
+    const std::ofstream created(console);
+    log_ = std::make_unique<ConsoleLog>(console);
+
+    std::vector<std::string> words = {
+        "qemu-system-x86_64",
+        "-machine",
+        "q35",
+        "-accel",
+        "tcg",
+        "-cpu",
+        "max",
+        "-m",
+        "512",
+        "-nodefaults",
+        "-no-user-config",
+        "-display",
+        "none",
+        "-no-reboot",
+        "-kernel",
+        imageDirectory / "vmlinux",
+        "-initrd",
+        imageDirectory / "initrd.cpio",
+        "-append",
+        kernelCommandLine(options),
+        "-chardev",
+        "file,id=console,append=on,path=" + console,
+        "-serial",
+        "chardev:console",
+        "-chardev",
+        socketDevice("control", control),
+        "-serial",
+        "chardev:control",
+        "-chardev",
+        socketDevice("monitor", monitor),
+        "-mon",
+        "chardev=monitor,mode=control",
+        "-device",
+        "virtio-serial-pci",
+        "-chardev",
+        socketDevice("agent", channel),
+        "-device",
+        options.console ? "virtconsole,chardev=agent"
+                        : "virtserialport,chardev=agent,name=org.qemu.guest_agent.0"};
+    for (const std::string& entry : options.firmwareEntries) {
+        words.insert(words.end(), {"-fw_cfg", entry});
+    }
+
+    const pid_t parent = ::getpid();
+    process_ = ::fork();
+    if (process_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "fork");
+    }
+    if (process_ == 0) {
+        runProgram(words, directory_ / "qemu.log",
+                   {channel.borrow(), control.borrow(), monitor.borrow()}, options.endWithParent,
+                   parent);
+    }
+    // QEMU alone holds the listeners now: its end is the end of every connection.
+    channel.close();
+    control.close();
+    monitor.close();
+    shell_ = std::make_unique<GuestShell>(directory_ / "control");
+    try {
+        shell_->awaitReady(std::chrono::minutes(2));
+        qmp_ = std::make_unique<QmpClient>(directory_ / "qmp");
+    } catch (const std::exception& error) {
+        std::ifstream messages(directory_ / "qemu.log");
+        const std::string said{std::istreambuf_iterator<char>(messages), {}};
+        throw std::runtime_error(std::string("the guest does not start: ") + error.what() + "\n" +
+                                 said + log_->since(0));
+    }
+}
+
+std::size_t VirtualMachine::settleLog() {
+    const std::string marker = "settled " + std::to_string(++markers_) + ".";
+    const std::size_t before = log_->end();
+    shell_->check("logger -t test '" + marker + "'");
+    log_->await(marker, before);
+    return log_->end();
+}
+
+void VirtualMachine::powerOff() {
+    shell_->check("poweroff -f &");
+    ::waitpid(std::exchange(process_, -1), nullptr, 0);
+    std::filesystem::remove_all(directory_);
+}
+
+void VirtualMachine::end() {
+    if (process_ > 0) {
+        ::kill(process_, SIGKILL);
+        ::waitpid(process_, nullptr, 0);
+        std::filesystem::remove_all(directory_);
+    }
+}
+
+}  // namespace corvane::vm

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/vm/support/console_log.h"
+#include "tests/vm/support/guest_shell.h"
+#include "tests/vm/support/host_client.h"
+#include "tests/vm/support/qmp_client.h"
+
+namespace corvane::vm {
+
+/// What a guest is made of, beyond what all have in common.
+struct MachineOptions {
+    /// Further words of the kernel's command line.
+    std::vector<std::string> kernelWords = {};
+    /// Arguments of QEMU's -fw_cfg, one for each entry.
+    std::vector<std::string> firmwareEntries = {};
+    /// The agent's device is a console (/dev/hvc0) instead of the named port.
+    bool console = false;
+    /// vsock with a transport that reaches listeners in the guest itself as cid 2.
+    bool vsockLoopback = false;
+    /// The agent runs from the start; otherwise it waits for "service start".
+    bool startAgent = true;
+    /// The machine ends with the process that started it.
+    bool endWithParent = true;
+};
+
+/// A running guest. Ends QEMU and removes its directory at the end of its life, unless left alone.
+class VirtualMachine {
+ public:
+    /// Boots the image of `imageDirectory` (see vm/build) and waits until its services run.
+    VirtualMachine(const std::filesystem::path& imageDirectory, const MachineOptions& options);
+    VirtualMachine(const VirtualMachine&) = delete;
+    VirtualMachine& operator=(const VirtualMachine&) = delete;
+    ~VirtualMachine();
+
+    GuestShell& shell() { return *shell_; }
+    ConsoleLog& log() { return *log_; }
+    QmpClient& qmp() { return *qmp_; }
+    /// A new host at the agent's channel. QEMU serves one at a time: the next waits for its end.
+    HostClient connectHost() const { return HostClient(channelPath()); }
+
+    pid_t processId() const { return process_; }
+    const std::filesystem::path& directory() const { return directory_; }
+    std::string channelPath() const { return directory_ / "agent"; }
+
+    /// Waits until everything that was logged so far has reached the log; returns its end.
+    std::size_t settleLog();
+    /// Orders the guest to power off and waits for QEMU's end.
+    void powerOff();
+    /// Leaves QEMU running when this object ends.
+    void leaveRunning() { process_ = -1; }
+
+ private:
+    void start(const std::filesystem::path& imageDirectory, const MachineOptions& options);
+    void end();
+
+    std::filesystem::path directory_;
+    pid_t process_ = -1;
+    std::unique_ptr<ConsoleLog> log_;
+    std::unique_ptr<GuestShell> shell_;
+    std::unique_ptr<QmpClient> qmp_;
+    unsigned markers_ = 0;
+};
+
+}  // namespace corvane::vm
