@@ -1,7 +1,5 @@
 #include "core/arguments.h"
 
-#include <cstdio>
-
 #include "core/message.h"
 
 namespace corvane {
@@ -76,8 +74,7 @@ void ArgumentReader::fail(std::string message) {
     if (failed()) {
         return;
     }
-    const std::string line = std::string(handler_) + ": " + message + "\n";
-    std::fputs(line.c_str(), stderr);
+    writeDiagnostic(std::string(handler_) + ": " + message + "\n");
     failQuietly(std::move(message));
 }
 

@@ -21,14 +21,10 @@ std::string quotedCommand(const std::string& name) {
 }
 
 JsonValue callHandler(const CommandHandler& handler, const JsonObject* arguments) {
-    try {
-        if (const auto* plain = std::get_if<PlainHandler>(&handler)) {
-            return (*plain)();
-        }
-        return std::get<ArgumentsHandler>(handler)(arguments);
-    } catch (const std::bad_alloc&) {
-        return makeErrorResponse(genericError, "out of memory");
+    if (const auto* plain = std::get_if<PlainHandler>(&handler)) {
+        return (*plain)();
     }
+    return std::get<ArgumentsHandler>(handler)(arguments);
 }
 
 JsonValue answerCommand(const JsonValue& execute, const JsonObject* arguments) {
@@ -43,6 +39,14 @@ JsonValue answerCommand(const JsonValue& execute, const JsonObject* arguments) {
         return makeErrorResponse(commandNotFound, quotedCommand(*name));
     }
     return callHandler(command->handler, arguments);
+}
+
+JsonValue answerWithinMemory(const JsonValue& execute, const JsonObject* arguments) {
+    try {
+        return answerCommand(execute, arguments);
+    } catch (const std::bad_alloc&) {
+        return makeErrorResponse(genericError, outOfMemory);
+    }
 }
 
 }  // namespace
@@ -61,7 +65,7 @@ JsonValue dispatchRequest(const JsonValue& request) {
         return makeErrorResponse(genericError, "arguments is not a dictionary");
     }
     logRequest(*execute, arguments);
-    JsonValue response = answerCommand(*execute, arguments ? arguments->object() : nullptr);
+    JsonValue response = answerWithinMemory(*execute, arguments ? arguments->object() : nullptr);
     logResponse(response);
     return response;
 }

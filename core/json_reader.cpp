@@ -32,11 +32,6 @@ constexpr std::size_t feedLimit = 1024 - 16;
 /// proportion to the line; memory that is reserved and not touched costs nothing.
 constexpr std::size_t growthLimit = 64 * 1024;
 
-/// The memory of a line of this size goes back to the system as soon as it has been read: its
-/// pieces lie scattered between others in the heap and would not serve the large buffers of an
-/// answer.
-constexpr std::size_t largeLine = 1024 * 1024;
-
 class ValueBuilder {
  public:
     static constexpr std::size_t max_object_size = SIZE_MAX;
@@ -170,14 +165,6 @@ class ValueBuilder {
     std::size_t bytesLeft_ = 0;
 };
 
-std::size_t measure(const RequestLine& line) noexcept {
-    std::size_t size = 0;
-    for (const InputSlice& slice : line) {
-        size += slice.bytes().size();
-    }
-    return size;
-}
-
 JsonError describe(const std::string& reason, std::size_t position) {
     return {reason + " at byte " + std::to_string(position)};
 }
@@ -193,11 +180,11 @@ json::parse_options strictOptions() noexcept {
 JsonOutcome readJson(RequestLine line) {
     json::basic_parser<ValueBuilder> parser(strictOptions());
     json::error_code error;
-    const std::size_t lineSize = measure(line);
+    const std::size_t lineSize = sizeOf(line);
     std::size_t position = 0;
 
-    for (; !line.empty(); line.pop_front()) {
-        for (std::string_view rest = line.front().bytes(); !rest.empty();) {
+    for (InputSlice& slice : line) {
+        for (std::string_view rest = slice.bytes(); !rest.empty();) {
             const std::string_view piece = rest.substr(0, feedLimit);
             parser.handler().setBytesLeft(lineSize - position);
             const std::size_t consumed = parser.write_some(true, piece.data(), piece.size(), error);
@@ -211,8 +198,11 @@ JsonOutcome readJson(RequestLine line) {
             }
             rest.remove_prefix(piece.size());
         }
+        slice = {};
     }
-    if (lineSize >= largeLine) {
+    // The pieces of the line lie scattered between others in the heap and would not serve the large
+    // buffers of an answer.
+    if (lineSize >= largeMessage) {
         trimHeap();
     }
     parser.write_some(false, "", 0, error);

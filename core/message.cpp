@@ -1,10 +1,15 @@
 #include "core/message.h"
 
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <limits.h>
 #include <new>
-#include <optional>
 
 #include "core/json_writer.h"
 #include "core/masked_value.h"
@@ -15,22 +20,26 @@ namespace corvane {
 
 namespace {
 
-/// What printf(3) would print; nothing when it can't be formatted or memory does not suffice.
-std::optional<std::string> formatted(const char* format, std::va_list values) {
+/// Short entries need no heap, so that the end of memory can be logged, too.
+void writeStatus(const char* format, std::va_list values) {
     std::va_list again;
     va_copy(again, values);
-    const int length = std::vsnprintf(nullptr, 0, format, again);
+    std::array<char, 1024> shortText;
+    const int length = std::vsnprintf(shortText.data(), shortText.size(), format, values);
+    const auto size = static_cast<std::size_t>(std::max(length, 0));
+    SystemLog& log = platform().systemLog;
+    if (length >= 0 && size < shortText.size()) {
+        log.write(LogCategory::status, {shortText.data(), size});
+    } else if (length >= 0) {
+        try {
+            std::string longText(size, '\0');
+            std::vsnprintf(longText.data(), size + 1, format, again);
+            log.write(LogCategory::status, longText);
+        } catch (const std::bad_alloc&) {
+            // Without memory for it the entry is lost.
+        }
+    }
     va_end(again);
-    if (length < 0) {
-        return std::nullopt;
-    }
-    try {
-        std::string text(static_cast<std::size_t>(length), '\0');
-        std::vsnprintf(text.data(), text.size() + 1, format, values);
-        return text;
-    } catch (const std::bad_alloc&) {
-        return std::nullopt;
-    }
 }
 
 /// Writes a transaction entry that `makeText` makes, only when it will be kept. An entry that
@@ -68,13 +77,27 @@ JsonValue makeSuccessResponse(JsonValue result) {
 void logStatus(bool fatal, const char* format, ...) {
     std::va_list values;
     va_start(values, format);
-    const std::optional<std::string> text = formatted(format, values);
+    writeStatus(format, values);
     va_end(values);
-    if (text) {
-        platform().systemLog.write(LogCategory::status, *text);
-    }
     if (fatal) {
         std::exit(EXIT_FAILURE);
+    }
+}
+
+void writeDiagnostic(std::string_view line) noexcept {
+    constexpr int patience = 100;  // milliseconds
+    while (!line.empty()) {
+        pollfd reader{STDERR_FILENO, POLLOUT, 0};
+        if (::poll(&reader, 1, patience) != 1 || (reader.revents & POLLOUT) == 0) {
+            return;
+        }
+        // A pipe that polls writable takes so many bytes without blocking. See pipe(7).
+        const ssize_t count =
+            ::write(STDERR_FILENO, line.data(), std::min<std::size_t>(line.size(), PIPE_BUF));
+        if (count <= 0) {
+            return;
+        }
+        line.remove_prefix(static_cast<std::size_t>(count));
     }
 }
 

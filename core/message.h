@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "core/json_value.h"
 
@@ -9,6 +10,9 @@ namespace corvane {
 /// The two classes that an error response may carry.
 inline constexpr char genericError[] = "GenericError";
 inline constexpr char commandNotFound[] = "CommandNotFound";
+
+/// The description of an error response where memory did not suffice for the request.
+inline constexpr char outOfMemory[] = "out of memory";
 
 /// {"error": {"class": errorClass, "desc": description}}. Every error response is built here.
 JsonValue makeErrorResponse(const char* errorClass, std::string description);
@@ -20,6 +24,11 @@ JsonValue makeSuccessResponse(JsonValue result);
 /// With `fatal` true the process then exits with status 1. Writes nothing when formatting fails.
 /// Any thread.
 void logStatus(bool fatal, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/// Writes `line` to standard error, where handlers report what was wrong with their arguments. A
+/// reader that has stopped reading is waited for a tenth of a second, then the rest is dropped: a
+/// diagnostic must not hold the agent.
+void writeDiagnostic(std::string_view line) noexcept;
 
 /// Writes "Request: '<command> <arguments>'" to the transaction log: the command in clear, the
 /// arguments masked. `arguments` is null when the request had none.

@@ -56,6 +56,14 @@ InputSlice InputSlice::splitFront(std::size_t count) noexcept {
     return front;
 }
 
+std::size_t sizeOf(const RequestLine& line) noexcept {
+    std::size_t size = 0;
+    for (const InputSlice& slice : line) {
+        size += slice.bytes().size();
+    }
+    return size;
+}
+
 void PendingInput::append(std::span<const char> bytes) {
     if (abandoning_) {
         const std::size_t end = findEndOfAbandoned({bytes.data(), bytes.size()});

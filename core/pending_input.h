@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <vector>
 
 namespace corvane {
 
@@ -26,7 +27,11 @@ class InputSlice {
 };
 
 /// One request line: the slices that it spans, in order, without its line feed.
-using RequestLine = std::deque<InputSlice>;
+/// A vector, since moving one takes no memory that could be wanting.
+using RequestLine = std::vector<InputSlice>;
+
+/// How many bytes the line has.
+std::size_t sizeOf(const RequestLine& line) noexcept;
 
 /// The bytes that came from the host and are not consumed yet: slices linked in the order of the
 /// reads, never merged, never bounded. Outlives the loss of a channel. One thread.

@@ -1,14 +1,11 @@
 #include "core/read_loop.h"
 
-#include <chrono>
-#include <cstdlib>
-#include <cxxabi.h>
-#include <memory>
+#include <algorithm>
 #include <new>
-#include <optional>
-#include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
+#include <variant>
 
 #include "core/channel.h"
 #include "core/dispatcher.h"
@@ -16,6 +13,7 @@
 #include "core/json_reader.h"
 #include "core/json_writer.h"
 #include "core/message.h"
+#include "core/unhandled_exception.h"
 #include "platform/channel_device.h"
 #include "platform/platform.h"
 
@@ -25,69 +23,25 @@ namespace {
 
 bool delimiterPending = false;
 
-/// Requests and responses from this size on leave the heap as small as they found it.
-constexpr std::size_t largeMessage = 1024 * 1024;
+constexpr char delimiter[] = "\xFF";
 
-/// So many channels may end in a row without having brought a byte before reopening slows down to
-/// one a second: a listener that hangs up on every connection must not keep the processor busy.
+/// So many channels may end in a row, each in silence and within a second, before reopening slows
+/// down to one a second: a listener that hangs up on every connection must not keep the processor
+/// busy.
 constexpr int silentChannelLimit = 16;
+constexpr std::chrono::seconds silentChannelSpan{1};
 
-JsonValue outOfMemory() {
-    return makeErrorResponse(genericError, "out of memory");
-}
-
-JsonValue answerLine(RequestLine line) {
-    try {
-        JsonOutcome outcome = readJson(std::move(line));
-        if (const auto* error = std::get_if<JsonError>(&outcome)) {
-            logStatus(false, "Cannot parse the request as JSON: %s\n", error->description.c_str());
-            return makeErrorResponse(genericError, "invalid JSON");
-        }
-        return dispatchRequest(std::get<JsonValue>(outcome));
-    } catch (const std::bad_alloc&) {
-        return outOfMemory();
+JsonValue answerTo(RequestLine line) {
+    JsonOutcome outcome = readJson(std::move(line));
+    if (const auto* error = std::get_if<JsonError>(&outcome)) {
+        logStatus(false, "Cannot parse the request as JSON: %s\n", error->description.c_str());
+        return makeErrorResponse(genericError, "invalid JSON");
     }
+    return dispatchRequest(std::get<JsonValue>(outcome));
 }
 
-std::string serialise(const JsonValue& response, bool delimited) {
-    const char* prefix = delimited ? "\xFF" : "";
-    try {
-        return writeJson(response, prefix, "\n");
-    } catch (const std::bad_alloc&) {
-        return writeJson(outOfMemory(), prefix, "\n");
-    }
-}
-
-/// Returns the size of what was sent.
-std::size_t sendResponse(const JsonValue& response) {
-    const std::string output = serialise(response, std::exchange(delimiterPending, false));
+void send(std::string_view output) {
     platform().channelDevice.send(channelDescriptor(), output);
-    return output.size();
-}
-
-std::size_t sizeOf(const RequestLine& line) {
-    std::size_t size = 0;
-    for (const InputSlice& slice : line) {
-        size += slice.bytes().size();
-    }
-    return size;
-}
-
-/// The name of the type of the exception that is being handled.
-std::string exceptionName() {
-    const std::type_info* type = abi::__cxa_current_exception_type();
-    if (!type) {
-        return "unknown";
-    }
-    int status = 0;
-    const std::unique_ptr<char, void (*)(void*)> name(
-        abi::__cxa_demangle(type->name(), nullptr, nullptr, &status), std::free);
-    return name ? name.get() : type->name();
-}
-
-void endOnException(const char* reason) {
-    const std::string text = "Error " + exceptionName() + ": " + reason;
-    logStatus(true, "Unhandled exception: '%s'\n", text.c_str());
 }
 
 }  // namespace
@@ -96,15 +50,16 @@ void setDelimiterPending(bool pending) noexcept {
     delimiterPending = pending;
 }
 
+ReadLoop::ReadLoop()
+    : outOfMemoryLine_(writeJson(makeErrorResponse(genericError, outOfMemory), delimiter, "\n")) {}
+
 void ReadLoop::run() {
-    for (;;) {
-        try {
+    try {
+        for (;;) {
             pass();
-        } catch (const std::exception& exception) {
-            endOnException(exception.what());
-        } catch (...) {
-            endOnException("no reason given");
         }
+    } catch (...) {
+        endOnUnhandledException();
     }
 }
 
@@ -114,40 +69,73 @@ void ReadLoop::pass() {
         followEndedChannel();
         return;
     }
-    silentChannels_ = 0;
+    channelIsSilent_ = false;
     takeInput({readBuffer_.data(), static_cast<std::size_t>(received)});
-    while (auto line = pending_.takeLine()) {
-        if (line->empty()) {
-            continue;
-        }
-        const std::size_t lineSize = sizeOf(*line);
-        const std::size_t responseSize = sendResponse(answerLine(std::move(*line)));
-        line.reset();
-        if (lineSize >= largeMessage || responseSize >= largeMessage) {
-            trimHeap();
+    while (auto line = nextLine()) {
+        if (!line->empty()) {
+            answer(std::move(*line));
         }
     }
 }
 
 void ReadLoop::followEndedChannel() {
     logStatus(false, "The connection has ended.\n");
-    if (++silentChannels_ > silentChannelLimit) {
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+    const auto spanEnd = openedAt_ + silentChannelSpan;
+    const bool endedAtOnce = channelIsSilent_ && std::chrono::steady_clock::now() < spanEnd;
+    silentChannels_ = endedAtOnce ? silentChannels_ + 1 : 0;
+    if (silentChannels_ > silentChannelLimit) {
+        std::this_thread::sleep_until(spanEnd);
     }
     reopenChannel();
+    openedAt_ = std::chrono::steady_clock::now();
+    channelIsSilent_ = true;
 }
 
 void ReadLoop::takeInput(std::span<const char> bytes) {
     try {
         pending_.append(bytes);
     } catch (const std::bad_alloc&) {
-        // Only an unfinished line can be pending here. Without it there is room for this answer and
-        // for what follows the line.
-        pending_.abandonLine();
-        trimHeap();
-        sendResponse(outOfMemory());
+        // Only an unfinished line can be pending here. Without it there is room for what follows.
+        giveUpLine();
         pending_.append(bytes);
     }
+}
+
+std::optional<RequestLine> ReadLoop::nextLine() {
+    for (;;) {
+        try {
+            return pending_.takeLine();
+        } catch (const std::bad_alloc&) {
+            giveUpLine();
+        }
+    }
+}
+
+void ReadLoop::giveUpLine() {
+    pending_.abandonLine();
+    trimHeap();
+    sendOutOfMemory();
+}
+
+void ReadLoop::answer(RequestLine line) {
+    std::size_t largest = sizeOf(line);
+    try {
+        const JsonValue response = answerTo(std::move(line));
+        const std::string output = writeJson(response, delimiterPending ? delimiter : "", "\n");
+        delimiterPending = false;
+        send(output);
+        largest = std::max(largest, output.size());
+    } catch (const std::bad_alloc&) {
+        sendOutOfMemory();
+    }
+    if (largest >= largeMessage) {
+        trimHeap();
+    }
+}
+
+void ReadLoop::sendOutOfMemory() noexcept {
+    const std::string_view line = outOfMemoryLine_;
+    send(std::exchange(delimiterPending, false) ? line : line.substr(1));
 }
 
 }  // namespace corvane

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <array>
+#include <chrono>
+#include <optional>
 #include <span>
+#include <string>
 
 #include "core/pending_input.h"
 
@@ -15,6 +18,8 @@ void setDelimiterPending(bool pending) noexcept;
 /// before what the next connection sends. Main thread.
 class ReadLoop {
  public:
+    ReadLoop();
+
     /// Runs for the life of the process. An exception that escapes ends it with status 1.
     [[noreturn]] void run();
 
@@ -24,10 +29,21 @@ class ReadLoop {
  private:
     void followEndedChannel();
     void takeInput(std::span<const char> bytes);
+    std::optional<RequestLine> nextLine();
+    void giveUpLine();
+    void answer(RequestLine line);
+    void sendOutOfMemory() noexcept;
 
     std::array<char, 8192> readBuffer_{};
     PendingInput pending_;
-    int silentChannels_ = 0;  ///< channels in a row that ended without having brought a byte
+
+    /// Made beforehand: the answer when there is no memory for another, between delimiter and line
+    /// feed.
+    const std::string outOfMemoryLine_;
+
+    std::chrono::steady_clock::time_point openedAt_ = std::chrono::steady_clock::now();
+    bool channelIsSilent_ = true;  ///< has brought no byte yet
+    int silentChannels_ = 0;       ///< in a row, each ended within a second in silence
 };
 
 }  // namespace corvane

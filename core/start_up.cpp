@@ -11,6 +11,7 @@
 #include "core/masked_value.h"
 #include "core/message.h"
 #include "core/read_loop.h"
+#include "core/unhandled_exception.h"
 #include "core/version.h"
 #include "platform/hypervisor.h"
 #include "platform/platform.h"
@@ -68,8 +69,8 @@ void blockChildSignal() {
 
 /// The thread inherits the mask in which SIGCHLD is blocked, and takes the signal with sigwait(3).
 void startReaper(ThreadEntry reapChildren) {
+    static pthread_t reaper;  // kept for the life of the process, never joined
     reaperEntry = reapChildren;
-    pthread_t reaper{};
     const auto enter = [](void* /*unused*/) -> void* {
         reaperEntry();
         return nullptr;
@@ -77,21 +78,29 @@ void startReaper(ThreadEntry reapChildren) {
     static_cast<void>(::pthread_create(&reaper, nullptr, enter, nullptr));
 }
 
-}  // namespace
-
-void runAgent(ThreadEntry reapChildren) {
-    keepHeapSmall();
-    ignoreBrokenPipes();
-    makeMaskingKey();
+void prepare(ThreadEntry reapChildren) {
     platform().systemLog.createCategories(programIdentifier);
     logStatus(false, "Corvane %s\n", agentVersion);
+    makeMaskingKey();
     openChannel();
     checkEnvironment();
     raiseOpenFileLimit();
     installChildSignalHandler();
     blockChildSignal();
     startReaper(reapChildren);
-    ReadLoop().run();
+}
+
+}  // namespace
+
+void runAgent(ThreadEntry reapChildren) {
+    keepHeapSmall();
+    ignoreBrokenPipes();
+    try {
+        prepare(reapChildren);
+        ReadLoop().run();
+    } catch (...) {
+        endOnUnhandledException();
+    }
 }
 
 }  // namespace corvane

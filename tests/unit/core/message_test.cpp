@@ -1,5 +1,10 @@
 #include "core/message.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <array>
+
 #include <gtest/gtest.h>
 
 #include "core/json_writer.h"
@@ -96,6 +101,30 @@ TEST_F(Message, TextFormOfAStringIsTheStringAndOfOthersTheirJson) {
     EXPECT_EQ(textForm(std::string("a\"b")), "a\"b");
     EXPECT_EQ(textForm(JsonNumber::fromSigned(-5)), "-5");
     EXPECT_EQ(textForm(JsonValue()), "null");
+}
+
+TEST_F(Message, DiagnosticGoesToStandardErrorAsItIs) {
+    testing::internal::CaptureStderr();
+    writeDiagnostic("handleSample: id is not a number\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "handleSample: id is not a number\n");
+}
+
+TEST_F(Message, DiagnosticThatNobodyReadsDoesNotHoldTheAgent) {
+    const int status = exitStatusOf([] {
+        std::array<int, 2> ends{};
+        ::dup2(::pipe(ends.data()) == 0 ? ends[1] : -1, STDERR_FILENO);
+        writeDiagnostic(std::string(1024 * 1024, 'x'));  // more than a pipe holds
+        int held = 0;
+        ::ioctl(ends[0], FIONREAD, &held);
+        ::_exit(held >= 4096 ? 0 : 1);
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Message, LongStatusEntriesAreWrittenWhole) {
+    const std::string text(100000, 'x');
+    logStatus(false, "%s\n", text.c_str());
+    EXPECT_EQ(platform_.systemLog.status(), std::vector<std::string>{text + "\n"});
 }
 
 }  // namespace

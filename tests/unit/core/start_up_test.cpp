@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstddef>
+#include <new>
 
 #include <gtest/gtest.h>
 
@@ -115,15 +116,37 @@ TEST_F(StartUp, LeavesTheOpenFileLimitWhereTheHardLimitForbidsMore) {
     expectFound([] { exitWith(openFileLimitIs(300, 300)); }, [] { setOpenFileLimit(300, 300); });
 }
 
-TEST_F(StartUp, InstallsADoNothingHandlerForSigchld) {
+TEST_F(StartUp, InstallsAHandlerForSigchldWithAnEmptyMaskAndNoNoticeOfStoppedChildren) {
     expectFound([] {
         struct sigaction action {};
         ::sigaction(SIGCHLD, nullptr, &action);
-        const bool takesNothing = ::sigismember(&action.sa_mask, SIGCHLD) == 0;
+        bool maskIsEmpty = true;
+        for (int signal = 1; signal < SIGRTMAX; ++signal) {
+            maskIsEmpty = maskIsEmpty && ::sigismember(&action.sa_mask, signal) != 1;
+        }
         const auto flags = static_cast<unsigned>(action.sa_flags);
-        exitWith(action.sa_sigaction != nullptr && takesNothing && (flags & SA_SIGINFO) != 0 &&
+        const bool isHandler = action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
+        exitWith(isHandler && maskIsEmpty && (flags & SA_SIGINFO) != 0 &&
                  (flags & SA_NOCLDSTOP) != 0);
     });
+}
+
+/// What is thrown before the read loop runs must not end in an abort either.
+class UnlistableSerialDevices : public SerialDevices {
+ public:
+    std::optional<std::vector<SerialDevice>> list() override { throw std::bad_alloc(); }
+};
+
+TEST_F(StartUp, ExceptionEndsItWithStatusOneAndAMessage) {
+    UnlistableSerialDevices unlistable;
+    Platform services{platform_.systemLog,  platform_.firmware,      unlistable,
+                      platform_.hypervisor, platform_.channelDevice, platform_.vsockSockets,
+                      platform_.remoteLogin};
+    const PlatformScope scope(services);
+    const End end = endOf([] { exitWith(true); });
+    EXPECT_EQ(end.status, 1);
+    EXPECT_EQ(end.log, std::string(firstLines) +
+                           "Unhandled exception: 'Error std::bad_alloc: std::bad_alloc'\n");
 }
 
 TEST_F(StartUp, ReaperInheritsTheMaskThatBlocksSigchld) {
@@ -164,11 +187,13 @@ TEST_F(StartUp, IgnoresBrokenPipes) {
     });
 }
 
-/// Makes every later change of a signal mask fail with EPERM. See seccomp(2).
-void forbidSignalMasks() {
-    std::array<sock_filter, 4> filter{{
+/// Makes every later blocking of signals fail with EPERM. See seccomp(2).
+void forbidSignalBlocking() {
+    std::array<sock_filter, 6> filter{{
         {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SYS_rt_sigprocmask},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, SYS_rt_sigprocmask},
+        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, args)},
+        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SIG_BLOCK},
         {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EPERM},
         {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
     }};
@@ -178,7 +203,7 @@ void forbidSignalMasks() {
 }
 
 TEST_F(StartUp, EndsWithStatus255AndNoMessageWhenSigchldCannotBeBlocked) {
-    const End end = endOf([] { exitWith(true); }, forbidSignalMasks);
+    const End end = endOf([] { exitWith(true); }, forbidSignalBlocking);
     EXPECT_EQ(end.status, 255);
     EXPECT_EQ(end.log, firstLines);
 }

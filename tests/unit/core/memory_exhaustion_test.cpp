@@ -1,0 +1,201 @@
+#include <cstdlib>
+#include <new>
+
+#include <gtest/gtest.h>
+
+#include "core/command_table.h"
+#include "core/message.h"
+#include "core/read_loop.h"
+#include "tests/fakes/child_process.h"
+#include "tests/fakes/fake_platform.h"
+
+namespace {
+
+/// How many allocations succeed before failures begin, and how many fail then.
+long allocationsLeft = -1;
+long failuresLeft = 0;
+
+bool allocationFails() {
+    if (allocationsLeft < 0) {
+        return false;
+    }
+    if (allocationsLeft > 0) {
+        --allocationsLeft;
+        return false;
+    }
+    return failuresLeft > 0 && failuresLeft-- > 0;
+}
+
+}  // namespace
+
+// Every allocation of this program can be made to fail. See [new.delete.single].
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    void* memory = allocationFails() ? nullptr : std::malloc(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
+
+namespace corvane {
+namespace {
+
+const std::string outOfMemoryAnswer = R"({"error":{"class":"GenericError","desc":"out of memory"}})"
+                                      "\n";
+
+JsonValue ping() {
+    return makeSuccessResponse(JsonObject());
+}
+
+constexpr Command commands[] = {{"guest-ping", ping, 1, ReportCondition::always}};
+
+/// Allocates nothing itself.
+class QuietLog : public SystemLog {
+ public:
+    void createCategories(const char* /*identifier*/) override {}
+    [[nodiscard]] bool records(LogCategory /*category*/) const override { return true; }
+    void write(LogCategory /*category*/, std::string_view text) noexcept override {
+        last = text.substr(0, sizeof buffer);
+        std::copy(last.begin(), last.end(), buffer);
+        last = {buffer, last.size()};
+    }
+
+    std::string_view last;
+
+ private:
+    char buffer[256] = {};
+};
+
+/// Gives its pieces one read after the other, and keeps what is sent in room made beforehand.
+class PiecewiseDevice : public ChannelDevice {
+ public:
+    PiecewiseDevice() { sent.reserve(64 * 1024); }
+    SystemResult<DescriptorGuard> openSerial(const char* /*path*/) override {
+        return DescriptorGuard();
+    }
+    int claimExclusive(int /*descriptor*/) override { return 0; }
+    int clearStatusFlags(int /*descriptor*/) override { return 0; }
+    ssize_t receive(int /*descriptor*/, std::span<char> buffer) override {
+        const std::string& piece = pieces.at(next++);
+        std::copy(piece.begin(), piece.end(), buffer.begin());
+        return static_cast<ssize_t>(piece.size());
+    }
+    void send(int /*descriptor*/, std::string_view bytes) noexcept override { sent += bytes; }
+    void closeChannel(int /*descriptor*/) noexcept override {}
+
+    std::vector<std::string> pieces;
+    std::size_t next = 0;
+    std::string sent;
+};
+
+class MemoryExhaustion : public testing::Test {
+ protected:
+    void SetUp() override { useCommandTable(commands); }
+    void TearDown() override { allocationsLeft = -1; }
+
+    /// Runs all pieces with the allocations failing from the `first` one on, `failures` of them.
+    void run(long first, long failures) {
+        device_.next = 0;
+        device_.sent.clear();
+        ReadLoop loop;
+        allocationsLeft = first;
+        failuresLeft = failures;
+        while (device_.next < device_.pieces.size()) {
+            loop.pass();
+        }
+        allocationsLeft = -1;
+    }
+
+    FakePlatform fakes_;
+    QuietLog log_;
+    PiecewiseDevice device_;
+    Platform services_{log_,    fakes_.firmware,     fakes_.serialDevices, fakes_.hypervisor,
+                       device_, fakes_.vsockSockets, fakes_.remoteLogin};
+    PlatformScope scope_{services_};
+};
+
+const std::string pong = R"({"return":{}})"
+                         "\n";
+
+TEST_F(MemoryExhaustion, EachAllocationOfARequestMayFailOnceAndTheNextRequestIsServed) {
+    const std::string filler(3000, 'x');
+    device_.pieces = {R"({"execute":"guest-ping","arguments":{"list":[1,2,{"deep":[true]}],)",
+                      R"("text":")" + filler, filler + "\",\"more\":\"" + filler, filler + "\"}}\n",
+                      "{\"execute\":\"guest-ping\"}\n"};
+    run(0, 0);
+    ASSERT_EQ(device_.sent, pong + pong);
+    long first = 0;
+    for (bool failed = true; failed; ++first) {
+        run(first, 1);
+        failed = failuresLeft == 0;
+        // Where the failure hit the one or the other line decides which was answered so.
+        EXPECT_TRUE(device_.sent == pong + pong || device_.sent == outOfMemoryAnswer + pong ||
+                    device_.sent == pong + outOfMemoryAnswer)
+            << "allocation " << first << ": " << device_.sent;
+    }
+    EXPECT_GT(first, 30) << "a request makes more allocations than that";
+}
+
+TEST_F(MemoryExhaustion, EachAllocationForAnUnknownCommandMayFailOnce) {
+    device_.pieces = {"{\"execute\":\"" + std::string(3000, 'y') + "\"}\n",
+                      "{\"execute\":\"guest-ping\"}\n"};
+    run(0, 0);
+    const std::string regular = device_.sent;
+    for (long first = 0;; ++first) {
+        run(first, 1);
+        if (failuresLeft != 0) {
+            break;
+        }
+        const bool answered = device_.sent == regular || device_.sent == outOfMemoryAnswer + pong ||
+                              device_.sent.ends_with("\n" + outOfMemoryAnswer);
+        EXPECT_TRUE(answered) << "allocation " << first << ": " << device_.sent;
+    }
+}
+
+TEST_F(MemoryExhaustion, LineThatCannotBeCutOffIsAnsweredWithAnErrorAndTheNextIsServed) {
+    const std::string filler(8000, 'x');
+    device_.pieces.assign(40, filler);
+    device_.pieces.emplace_back("\n{\"execute\":\"guest-ping\"}\n");
+    run(0, 0);
+    const std::string regular = device_.sent;
+    ASSERT_TRUE(regular.ends_with("\n" + pong));
+    for (long first = 0;; ++first) {
+        run(first, 1);
+        if (failuresLeft != 0) {
+            break;
+        }
+        EXPECT_TRUE(device_.sent == regular || device_.sent == outOfMemoryAnswer + pong ||
+                    device_.sent.ends_with("\n" + outOfMemoryAnswer))
+            << "allocation " << first << ": " << device_.sent.substr(0, 300);
+    }
+}
+
+TEST_F(MemoryExhaustion, WithoutAnyMemoryTheProcessEndsWithStatusOneAndAMessage) {
+    device_.pieces = {"\n{\"execute\":\"guest-ping\"}\n"};
+    testing::internal::CaptureStderr();
+    const int status = exitStatusOf([this] {
+        std::atexit([] { allocationsLeft = -1; });
+        static QuietLog* log = nullptr;
+        log = &log_;
+        std::atexit([] {
+            allocationsLeft = -1;
+            std::fwrite(log->last.data(), 1, log->last.size(), stderr);
+        });
+        ReadLoop loop;
+        allocationsLeft = 0;
+        failuresLeft = 1000000;
+        loop.run();
+    });
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Unhandled exception: 'Error std::bad_alloc: std::bad_alloc'\n");
+}
+
+}  // namespace
+}  // namespace corvane
