@@ -24,7 +24,7 @@ void fillStandardDescriptors() {
 
 int main() {
     fillStandardDescriptors();
-    corvane::LinuxPlatform linuxPlatform;
+    static corvane::LinuxPlatform linuxPlatform;  // so that exit(3) too lets the log finish
     const corvane::PlatformScope scope(linuxPlatform.services());
     corvane::useCommandTable(corvane::allCommands);
     corvane::runAgent(corvane::reapChildren);

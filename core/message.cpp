@@ -21,7 +21,7 @@ namespace corvane {
 namespace {
 
 /// Short entries need no heap, so that the end of memory can be logged, too.
-void writeStatus(const char* format, std::va_list values) {
+__attribute__((format(printf, 1, 0))) void writeStatus(const char* format, std::va_list values) {
     std::va_list again;
     va_copy(again, values);
     std::array<char, 1024> shortText;

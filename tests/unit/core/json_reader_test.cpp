@@ -256,11 +256,21 @@ TEST(JsonReader, ReadsNumbersOfAnyLength) {
     EXPECT_EQ(numberOf(arrayOf(value)[3]).asUnsigned64(), 7U);
 }
 
+TEST(JsonReader, ReadsExponentsOf31BitsWithTheirValues) {
+    const JsonValue value = valueOf("[1e2147483647,1e-2147483647,1e400,1e-400,0e2147483647,1e0]");
+    std::vector<std::uint64_t> bits;
+    for (const JsonValue& element : arrayOf(value)) {
+        bits.push_back(numberOf(element).asUnsigned64());
+    }
+    // From 10^64 on a power of ten is a multiple of 2^64.
+    EXPECT_EQ(bits, (std::vector<std::uint64_t>{0, 0, 0, 0, 0, 1}));
+}
+
 TEST(JsonReader, RefusesExponentsBeyond31Bits) {
-    EXPECT_TRUE(reads("[1e2147483647]"));
-    EXPECT_TRUE(reads("[1e-2147483647]"));
     EXPECT_TRUE(refuses("[1e2147483648]"));
     EXPECT_TRUE(refuses("[1e-2147483648]"));
+    EXPECT_TRUE(refuses("[1e99999999999]"));
+    EXPECT_TRUE(refuses("[1e-99999999999]"));
     EXPECT_TRUE(refuses("[0e99999999999999999999]"));
     // Digits in front of the point count with the exponent once they no longer fit 64 bits.
     EXPECT_TRUE(refuses("[100000000000000000000000e2147483647]"));

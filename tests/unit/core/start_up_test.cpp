@@ -203,6 +203,9 @@ void forbidSignalBlocking() {
 }
 
 TEST_F(StartUp, EndsWithStatus255AndNoMessageWhenSigchldCannotBeBlocked) {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "the leak check at the exit must block signals itself";
+#endif
     const End end = endOf([] { exitWith(true); }, forbidSignalBlocking);
     EXPECT_EQ(end.status, 255);
     EXPECT_EQ(end.log, firstLines);

@@ -57,6 +57,9 @@ TEST_F(ChannelDeviceTest, ADescriptorThatDoesNotBlockIsWaitedOn) {
 sem_t signalHandled;
 
 TEST_F(ChannelDeviceTest, SignalsDoNotEndTheWait) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the sanitizer may keep a signal back until a wait is over that it should end";
+#endif
     ASSERT_EQ(::sem_init(&signalHandled, 0, 0), 0);
     struct sigaction action {};
     action.sa_handler = [](int) { ::sem_post(&signalHandled); };  // no SA_RESTART: calls are cut
