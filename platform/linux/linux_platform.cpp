@@ -5,7 +5,7 @@
 namespace corvane {
 
 LinuxPlatform::LinuxPlatform()
-    : systemLog_(makeSystemLog()), services_{*systemLog_, firmware_,      serialDevices_,
+    : systemLog_(makeSystemLog()), services_{systemLog_,  firmware_,      serialDevices_,
                                              hypervisor_, channelDevice_, vsockSockets_,
                                              remoteLogin_} {}
 

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <memory>
-
 #include "platform/linux/linux_channel_device.h"
 #include "platform/linux/linux_firmware.h"
 #include "platform/linux/linux_hypervisor.h"
 #include "platform/linux/linux_remote_login.h"
 #include "platform/linux/linux_serial_devices.h"
 #include "platform/linux/linux_vsock_sockets.h"
+#include "platform/linux/queued_log.h"
 #include "platform/platform.h"
 #include "platform/system_log.h"
 
@@ -24,7 +23,7 @@ class LinuxPlatform {
     [[nodiscard]] Platform& services() noexcept { return services_; }
 
  private:
-    std::unique_ptr<SystemLog> systemLog_;
+    QueuedLog systemLog_;
     LinuxFirmware firmware_;
     LinuxSerialDevices serialDevices_;
     LinuxHypervisor hypervisor_;

@@ -1,0 +1,198 @@
+#include "platform/linux/queued_log.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <exception>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace corvane {
+namespace {
+
+constexpr auto patienceForRoom = std::chrono::milliseconds(100);
+constexpr auto patienceAtTheEnd = std::chrono::seconds(1);
+
+/// Blocks all signals for a scope, and so for good in a thread that is created in it.
+class SignalsBlocked {
+ public:
+    SignalsBlocked() noexcept {
+        sigset_t all;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+ private:
+    sigset_t before_{};
+};
+
+struct Entry {
+    LogCategory category;
+    std::string text;
+
+    [[nodiscard]] std::size_t size() const noexcept { return sizeof(Entry) + text.size(); }
+};
+
+}  // namespace
+
+/// The entries that the sink has not taken yet, and the sink.
+class QueuedLog::Queue {
+ public:
+    explicit Queue(std::unique_ptr<SystemLog> sink) : sink_(std::move(sink)) {}
+
+    [[nodiscard]] SystemLog& sink() noexcept { return *sink_; }
+
+    [[nodiscard]] std::unique_lock<std::mutex> lock() { return std::unique_lock(mutex_); }
+
+    /// Takes an entry, or counts it as lost.
+    void add(std::unique_lock<std::mutex>& lock, Entry entry) {
+        const auto fits = [this, size = entry.size()] {
+            return size_ == 0 || size_ + size <= capacity;
+        };
+        if (!stuck_) {
+            stuck_ = !changed_.wait_for(lock, patienceForRoom, fits);
+        }
+        if (!fits()) {
+            addLost();
+            return;
+        }
+        const std::size_t size = entry.size();
+        entries_.push_back(std::move(entry));
+        size_ += size;
+        work_.notify_one();
+    }
+
+    void addLost() noexcept {
+        ++lost_;
+        work_.notify_one();
+    }
+
+    /// Whether all entries have gone to the sink, in time.
+    bool close(std::unique_lock<std::mutex>& lock) {
+        closing_ = true;
+        work_.notify_one();
+        return changed_.wait_for(lock, patienceAtTheEnd, [this] { return ended_; });
+    }
+
+    /// The thread: hands entries to the sink until the queue is closed and empty.
+    void run() {
+        auto lock = this->lock();
+        for (;;) {
+            work_.wait(lock, [this] { return lost_ > 0 || !entries_.empty() || closing_; });
+            if (lost_ > 0) {
+                tellLost(lock);
+            } else if (!entries_.empty()) {
+                handOver(lock);
+            } else {
+                break;
+            }
+        }
+        ended_ = true;
+        changed_.notify_all();
+    }
+
+ private:
+    void handOver(std::unique_lock<std::mutex>& lock) {
+        Entry entry = std::move(entries_.front());
+        entries_.pop_front();
+        const std::size_t size = entry.size();
+        lock.unlock();
+        sink_->write(entry.category, entry.text);
+        std::string().swap(entry.text);  // counted until its memory is free
+        lock.lock();
+        size_ -= size;
+        noteProgress();
+    }
+
+    void tellLost(std::unique_lock<std::mutex>& lock) {
+        const std::size_t lost = std::exchange(lost_, 0);
+        std::array<char, 64> text{};
+        std::snprintf(text.data(), text.size(), "Log entries lost: %zu\n", lost);
+        lock.unlock();
+        sink_->write(LogCategory::status, text.data());
+        lock.lock();
+        noteProgress();
+    }
+
+    void noteProgress() {
+        stuck_ = false;
+        changed_.notify_all();
+    }
+
+    const std::unique_ptr<SystemLog> sink_;
+    std::mutex mutex_;                 ///< guards what follows
+    std::condition_variable work_;     ///< the thread waits for something to do
+    std::condition_variable changed_;  ///< others wait for what the thread has done
+    std::deque<Entry> entries_;
+    std::size_t size_ = 0;  ///< of the entries, the one in the sink's hands included
+    std::size_t lost_ = 0;
+    bool stuck_ = false;  ///< the sink has taken nothing since an entry waited in vain
+    bool closing_ = false;
+    bool ended_ = false;
+};
+
+QueuedLog::QueuedLog(std::unique_ptr<SystemLog> sink)
+    : queue_(std::make_shared<Queue>(std::move(sink))) {}
+
+QueuedLog::~QueuedLog() {
+    auto lock = queue_->lock();
+    if (!thread_.joinable()) {
+        return;
+    }
+    if (queue_->close(lock)) {
+        lock.unlock();
+        thread_.join();
+    } else {
+        thread_.detach();
+    }
+}
+
+void QueuedLog::createCategories(const char* identifier) {
+    queue_->sink().createCategories(identifier);
+    const auto lock = queue_->lock();
+    created_ = true;
+    startThread();
+}
+
+bool QueuedLog::records(LogCategory category) const {
+    return queue_->sink().records(category);
+}
+
+void QueuedLog::write(LogCategory category, std::string_view text) noexcept {
+    try {
+        Entry entry{category, {}};
+        entry.text.assign(text);
+        auto lock = queue_->lock();
+        startThread();
+        queue_->add(lock, std::move(entry));
+    } catch (const std::exception&) {
+        // No memory for the entry.
+        const auto lock = queue_->lock();
+        queue_->addLost();
+    }
+}
+
+/// With the lock held.
+void QueuedLog::startThread() noexcept {
+    if (!created_ || thread_.joinable()) {
+        return;
+    }
+    const SignalsBlocked signalsBlocked;
+    try {
+        thread_ = std::thread([queue = queue_] { queue->run(); });
+    } catch (const std::exception&) {
+        // Entries wait in the queue; the next one tries again.
+        return;
+    }
+}
+
+}  // namespace corvane

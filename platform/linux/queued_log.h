@@ -1,0 +1,49 @@
+#pragma once
+
+#include <memory>
+#include <thread>
+
+#include "platform/system_log.h"
+
+namespace corvane {
+
+/// A system log that never holds up who writes to it. The logs of the system may block for as long
+/// as their daemons hang; here only a thread of its own, with all signals blocked, writes to the
+/// sink. Entries reach it in the order in which they were written.
+///
+/// Entries wait in a queue of about `capacity` bytes; a longer one is taken when all before it are
+/// done. When there is no room, write() waits a tenth of a second for it and then drops the entry,
+/// the ones after it at once, until the sink has taken another. What was lost is then told first,
+/// in a status entry.
+///
+/// Entries written before createCategories() wait for it. The destructor gives the sink a second to
+/// take what is queued, so that nothing is lost when the process exits in an orderly way. After
+/// that the thread goes on by itself, with the queue and the sink as its own.
+///
+/// Not for forked children: the thread is not among what they inherit, the lock may be held there.
+class QueuedLog final : public SystemLog {
+ public:
+    static constexpr std::size_t capacity = 1U << 20U;  ///< what an entry needs beside its text too
+
+    explicit QueuedLog(std::unique_ptr<SystemLog> sink);
+    ~QueuedLog() override;
+    QueuedLog(const QueuedLog&) = delete;
+    QueuedLog& operator=(const QueuedLog&) = delete;
+
+    /// Starts the thread. Where that fails, each write() tries again.
+    void createCategories(const char* identifier) override;
+    /// Asks the sink, on the caller's thread.
+    [[nodiscard]] bool records(LogCategory category) const override;
+    void write(LogCategory category, std::string_view text) noexcept override;
+
+ private:
+    class Queue;
+
+    void startThread() noexcept;
+
+    const std::shared_ptr<Queue> queue_;  ///< shared with the thread
+    std::thread thread_;                  ///< guarded by the queue's lock, as is created_
+    bool created_ = false;
+};
+
+}  // namespace corvane
