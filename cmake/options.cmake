@@ -28,9 +28,27 @@ if(CORVANE_HARDENING)
         -pie -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
 endif()
 
+set(CORVANE_TESTS_DIR ${PROJECT_SOURCE_DIR}/tests)
+
 # A folder's library: every source named, every use of another folder said.
 function(corvane_add_library name)
     cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;PUBLIC;PRIVATE")
     add_library(${name} STATIC ${ARG_SOURCES})
     target_link_libraries(${name} PUBLIC corvane_options ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE})
+    cmake_path(IS_PREFIX CORVANE_TESTS_DIR ${CMAKE_CURRENT_SOURCE_DIR} isForTests)
+    if(NOT isForTests AND NOT CORVANE_SANITIZE)
+        corvane_check_uses(${name})
+    endif()
+endfunction()
+
+# Every program takes the objects of many libraries and would not notice one that uses what it has
+# not declared. So each library is also linked by itself into a program that does nothing: all of
+# its objects and the libraries that it has declared. A name that they lack fails the build. A
+# program rather than a shared object: static libraries of the system need not fit the latter.
+function(corvane_check_uses name)
+    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/uses/nothing.cpp CONTENT "int main() {}\n")
+    add_executable(${name}_uses ${PROJECT_BINARY_DIR}/uses/nothing.cpp)
+    target_link_libraries(${name}_uses PRIVATE $<LINK_LIBRARY:WHOLE_ARCHIVE,${name}>)
+    set_target_properties(${name}_uses PROPERTIES
+        RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/uses)
 endfunction()

@@ -34,34 +34,26 @@ std::string deviceNumberOf(const fs::path& device) {
     return number;
 }
 
-/// The parent in the driver tree: where the `device` link leads, as it does from a class's entry,
-/// otherwise the directory above.
-fs::path parentOf(const fs::path& device) {
-    std::error_code error;
-    const fs::path linked = fs::canonical(device / "device", error);
-    return error || linked == device ? device.parent_path() : linked;
-}
-
 std::string classOfDriver(const std::string& driver) {
     return driver == "virtio_console" ? "MirelVirtIOConsole" : driver;
+}
+
+bool isBelow(const fs::path& root, const fs::path& path) {
+    const auto [rest, below] = std::mismatch(root.begin(), root.end(), path.begin(), path.end());
+    return rest == root.end() && below != path.end();
 }
 
 std::vector<std::string> driverClassesAbove(const fs::path& entry, const fs::path& sysRoot) {
     std::error_code error;
     const fs::path root = fs::canonical(sysRoot / "devices", error);
-    fs::path device = error ? fs::path() : fs::canonical(entry, error);
+    // An entry's `device` is a link into the driver tree, whose directories are the tree. Devices
+    // there may have a `device` of another kind: a file with a number.
+    fs::path device = error ? fs::path() : fs::canonical(entry / "device", error);
     if (error) {
         return {};
     }
     std::vector<std::string> classes;
-    // No tree is this deep; links that lead in a circle must not hold us.
-    for (int level = 0; level < 64; ++level) {
-        device = parentOf(device);
-        const auto [end, ignored] =
-            std::mismatch(root.begin(), root.end(), device.begin(), device.end());
-        if (end != root.end() || device == root) {
-            break;
-        }
+    for (; isBelow(root, device); device = device.parent_path()) {
         const fs::path driver = fs::read_symlink(device / "driver", error);
         if (!error) {
             classes.push_back(classOfDriver(driver.filename()));

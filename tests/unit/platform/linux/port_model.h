@@ -117,8 +117,11 @@ class PortModel final : public PortCalls {
     bool hostIsThere() override { return connected; }
 
     OutputState waitForOutput() override {
-        while (connected && space == 0) {
+        while (canWait && connected && space == 0) {
             step();
+        }
+        if (!canWait) {
+            return OutputState::failed;
         }
         return connected ? OutputState::ready : OutputState::hostGone;
     }

@@ -94,13 +94,29 @@ TEST_F(VirtioPortTest, TheNextHostIsServedAfterAnEnd) {
     EXPECT_EQ(receive(), 0);
 }
 
-TEST_F(VirtioPortTest, AHostThatCameBackBeforeTheEndWasTakenInIsNotTakenForAnEnd) {
+TEST_F(VirtioPortTest, AHostThatCameBackWhileTheAgentSleptInReadIsNotTakenForAnEnd) {
     model_.connect();
-    model_.then([](PortModel& model) { model.leave(); });
-    EXPECT_EQ(receive(), 0);
+    model_.then([](PortModel& model) {
+        model.leave();
+        model.connect();
+    });
+    model_.then([](PortModel& model) { model.sendToGuest("again\n"); });
+    EXPECT_EQ(receiveText(), "again\n");
+    EXPECT_FALSE(port_.inputHasEnded());
+    EXPECT_EQ(model_.reads, 1);
+}
+
+TEST_F(VirtioPortTest, AHostThatCameBackBeforeTheAgentLookedIsNotTakenForAnEnd) {
+    model_.connect();
+    model_.sendToGuest("ping\n");
+    EXPECT_EQ(receiveText(), "ping\n");
+    model_.leave();
     model_.connect();
     model_.sendToGuest("again\n");
     EXPECT_EQ(receiveText(), "again\n");
+    model_.leave();
+    EXPECT_EQ(receive(), 0);
+    EXPECT_EQ(model_.waits, 0);
 }
 
 TEST_F(VirtioPortTest, AHostThatComesBetweenTheReadAndTheWaitIsNotMissed) {
@@ -295,6 +311,33 @@ TEST_F(VirtioPortTest, APortThatFailsIsNotTriedForEver) {
     port_.send("response\n");
     EXPECT_EQ(model_.writes, 1);
     EXPECT_EQ(model_.flags, O_RDWR);
+}
+
+TEST_F(VirtioPortTest, APortThatCannotBeWaitedOnLosesTheResponseAndFreesTheSender) {
+    model_.connect();
+    model_.canWait = false;
+    port_.send("response\n");
+    EXPECT_EQ(model_.writes, 0);
+    EXPECT_EQ(model_.flags, O_RDWR);
+}
+
+TEST_F(VirtioPortTest, APortThatCannotBeWaitedOnAnyMoreLosesTheRestOfTheResponse) {
+    model_.connect();
+    model_.space = 10;
+    model_.then([](PortModel& model) { model.canWait = false; });
+    port_.send(std::string(100, 'x'));
+    EXPECT_EQ(model_.outbound.size(), 10U);
+    EXPECT_EQ(model_.writes, 1);
+    EXPECT_EQ(model_.flags, O_RDWR);
+}
+
+TEST_F(VirtioPortTest, TheNoticeOfAHostIsNotWaitedForAtAPortThatCannotBeWaitedOn) {
+    model_.sendToGuest("ping\n");
+    EXPECT_EQ(receiveText(), "ping\n");
+    model_.canWait = false;
+    port_.send("response\n");
+    EXPECT_EQ(model_.writes, 0);
+    EXPECT_EQ(model_.waits, 0);
 }
 
 TEST_F(VirtioPortTest, APortUnpluggedDuringAResponseFreesTheSender) {
