@@ -178,7 +178,11 @@ std::size_t VirtualMachine::settleLog() {
 }
 
 void VirtualMachine::powerOff() {
-    shell_->check("poweroff -f &");
+    try {
+        shell_->check("poweroff -f &");
+    } catch (const EndOfStream&) {
+        // The guest was gone before its answer was out.
+    }
     ::waitpid(std::exchange(process_, -1), nullptr, 0);
     std::filesystem::remove_all(directory_);
 }
