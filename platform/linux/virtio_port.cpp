@@ -62,8 +62,10 @@ void VirtioPort::send(std::string_view bytes) {
 }
 
 void VirtioPort::sendPieces(std::string_view bytes) {
+    const std::size_t whole = bytes.size();
     while (!bytes.empty()) {
-        if (!hostTakesOutput()) {
+        const bool begun = bytes.size() < whole;
+        if (!hostTakesOutput(begun)) {
             return;
         }
         const ssize_t count = calls_.write(bytes);
@@ -76,20 +78,23 @@ void VirtioPort::sendPieces(std::string_view bytes) {
     }
 }
 
-bool VirtioPort::hostTakesOutput() {
+/// A host that is not shown any more has left in the middle of what has `begun`. Before that it may
+/// be the one before that has left: its notice, too, may come after the next host's bytes.
+bool VirtioPort::hostTakesOutput(bool begun) {
     for (;;) {
         const PortCalls::OutputState state = calls_.waitForOutput();
         if (state != PortCalls::OutputState::hostGone) {
             return state == PortCalls::OutputState::ready;
         }
-        if (host_ != Host::heard || !noticeMayHaveCome()) {
+        const bool mayStillCome = host_ == Host::seen || host_ == Host::heard;
+        if (begun || !mayStillCome || !noticeMayHaveCome()) {
             return false;
         }
     }
 }
 
-/// Waits for the notice of a host that was heard. False when it has left; the rest of what it sent
-/// is not waited for again.
+/// Waits for the notice of a host that is not shown. False when it has left; it is not waited for
+/// again.
 bool VirtioPort::noticeMayHaveCome() {
     if (calls_.waitForChange(noticeLimit) == PortCalls::Change::happened) {
         return true;

@@ -34,11 +34,11 @@ class VirtioPort {
         absent,  ///< none has come since the last end
         seen,    ///< the kernel showed it as connected when we last looked
         heard,   ///< its last bytes came while the kernel showed no host
-        gone,    ///< heard, and waited for in vain: its end is still to be told
+        gone,    ///< not shown, and waited for in vain: its end is still to be told
     };
 
     void sendPieces(std::string_view bytes);
-    bool hostTakesOutput();
+    bool hostTakesOutput(bool begun);
     bool noticeMayHaveCome();
 
     PortCalls& calls_;

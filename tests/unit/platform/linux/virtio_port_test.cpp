@@ -272,14 +272,28 @@ TEST_F(VirtioPortTest, AHostThatHasLeftIsWaitedForOnceHoweverMuchItSent) {
     EXPECT_EQ(model_.timeouts, 1);
 }
 
-TEST_F(VirtioPortTest, AHostThatWasSeenAndLeftIsNotWaitedFor) {
+TEST_F(VirtioPortTest, ANewHostIsAnsweredWhoseBytesComeBeforeTheOldOneIsShownToHaveLeft) {
+    model_.connect();
+    model_.sendToGuest("new\n");
+    EXPECT_EQ(receiveText(), "new\n");
+    model_.leave();  // the old one
+    model_.then([](PortModel& model) { ++model.changes; });
+    model_.then([](PortModel& model) { model.connect(); });
+    port_.send("to new\n");
+    EXPECT_EQ(model_.outbound, "to new\n");
+    EXPECT_EQ(model_.timeouts, 0);
+}
+
+TEST_F(VirtioPortTest, AHostThatLeavesInTheMiddleOfAResponseIsNotWaitedFor) {
     model_.connect();
     model_.sendToGuest("ping\n");
     EXPECT_EQ(receiveText(), "ping\n");
-    model_.leave();
-    port_.send("response\n");
-    EXPECT_EQ(receive(), 0);
+    model_.space = 10;
+    model_.then([](PortModel& model) { model.leave(); });
+    port_.send(std::string(100, 'x'));
+    EXPECT_EQ(model_.outbound.size(), 10U);
     EXPECT_EQ(model_.waits, 0);
+    EXPECT_EQ(receive(), 0);
 }
 
 TEST_F(VirtioPortTest, ASignalLosesNoByteOfAResponseAndDoublesNone) {
