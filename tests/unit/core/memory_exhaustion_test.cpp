@@ -61,15 +61,15 @@ class QuietLog : public SystemLog {
     void createCategories(const char* /*identifier*/) override {}
     [[nodiscard]] bool records(LogCategory /*category*/) const override { return true; }
     void write(LogCategory /*category*/, std::string_view text) noexcept override {
-        last = text.substr(0, sizeof buffer);
-        std::copy(last.begin(), last.end(), buffer);
-        last = {buffer, last.size()};
+        last = text.substr(0, sizeof buffer_);
+        std::copy(last.begin(), last.end(), buffer_);
+        last = {buffer_, last.size()};
     }
 
     std::string_view last;
 
  private:
-    char buffer[256] = {};
+    char buffer_[256] = {};
 };
 
 /// Gives its pieces one read after the other, and keeps what is sent in room made beforehand.
