@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <new>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 
 #include "core/command_table.h"
 #include "core/message.h"
@@ -12,12 +14,10 @@ namespace corvane {
 namespace {
 
 /// Sized beforehand: a name may be as long as a request.
-std::string quotedCommand(const std::string& name) {
-    std::string text = "Invalid command '";
-    text.reserve(text.size() + name.size() + 1);
-    text += name;
-    text += '\'';
-    return text;
+std::string enclosed(std::string_view before, std::string_view name, std::string_view after) {
+    std::string text;
+    text.reserve(before.size() + name.size() + after.size());
+    return text.append(before).append(name).append(after);
 }
 
 JsonValue callHandler(const CommandHandler& handler, const JsonObject* arguments) {
@@ -35,8 +35,8 @@ JsonValue answerCommand(const JsonValue& execute, const JsonObject* arguments) {
     const auto commands = commandTable();
     const auto command = std::ranges::find(commands, *name, &Command::name);
     if (command == commands.end() || std::holds_alternative<std::monostate>(command->handler)) {
-        logStatus(false, "Unknown command: %s\n", name->c_str());
-        return makeErrorResponse(commandNotFound, quotedCommand(*name));
+        logStatusText(enclosed("Unknown command: ", *name, "\n"));
+        return makeErrorResponse(commandNotFound, enclosed("Invalid command '", *name, "'"));
     }
     return callHandler(command->handler, arguments);
 }

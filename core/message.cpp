@@ -84,6 +84,10 @@ void logStatus(bool fatal, const char* format, ...) {
     }
 }
 
+void logStatusText(std::string_view text) {
+    platform().systemLog.write(LogCategory::status, text);
+}
+
 void writeDiagnostic(std::string_view line) noexcept {
     constexpr int patience = 100;  // milliseconds
     while (!line.empty()) {

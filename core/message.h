@@ -25,6 +25,10 @@ JsonValue makeSuccessResponse(JsonValue result);
 /// Any thread.
 void logStatus(bool fatal, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+/// Writes an entry of the caller's making to the status log: formatting a long text takes longer
+/// than making the response to it. Any thread.
+void logStatusText(std::string_view text);
+
 /// Writes `line` to standard error, where handlers report what was wrong with their arguments. A
 /// reader that has stopped reading is waited for a tenth of a second, then the rest is dropped: a
 /// diagnostic must not hold the agent.

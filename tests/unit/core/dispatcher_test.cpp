@@ -130,6 +130,13 @@ TEST_F(Dispatcher, UnknownCommandIsLoggedAndItsTransactionToo) {
     EXPECT_EQ(platform_.systemLog.transactions().size(), 2U);
 }
 
+TEST_F(Dispatcher, UnknownCommandOfAnyLengthIsLoggedWhole) {
+    const std::string name(200000, 'n');
+    answer(requestOf(name));
+    EXPECT_EQ(platform_.systemLog.status(),
+              std::vector<std::string>{"Unknown command: " + name + "\n"});
+}
+
 TEST_F(Dispatcher, UnbuiltCommandIsAnsweredLikeAnUnknownOne) {
     EXPECT_EQ(answer(requestOf(std::string("unbuilt"))),
               errorText("CommandNotFound", "Invalid command 'unbuilt'"));
