@@ -17,7 +17,8 @@ namespace {
 std::string enclosed(std::string_view before, std::string_view name, std::string_view after) {
     std::string text;
     text.reserve(before.size() + name.size() + after.size());
-    return text.append(before).append(name).append(after);
+    text.append(before).append(name).append(after);
+    return text;
 }
 
 JsonValue callHandler(const CommandHandler& handler, const JsonObject* arguments) {
