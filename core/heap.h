@@ -12,6 +12,10 @@ inline constexpr std::size_t largeMessage = 1024 * 1024;
 /// Called once, at start.
 void keepHeapSmall() noexcept;
 
+/// Asks for large pages behind `size` bytes of untouched memory from `memory` on, where it is big
+/// enough for some: filling it then takes fewer page faults. See madvise(2), MADV_HUGEPAGE.
+void preferLargePages(void* memory, std::size_t size) noexcept;
+
 /// Gives what is free in the heap back to the system. See malloc_trim(3).
 void trimHeap() noexcept;
 

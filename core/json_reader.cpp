@@ -143,6 +143,7 @@ class ValueBuilder {
         const std::size_t wanted = text_.size() + part.size();
         if (wanted > text_.capacity() && wanted > growthLimit) {
             text_.reserve(text_.size() + std::max(part.size(), bytesLeft_));
+            preferLargePages(text_.data() + text_.size(), text_.capacity() - text_.size());
         }
         text_.append(part.data(), part.size());
     }

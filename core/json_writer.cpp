@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "core/heap.h"
+
 namespace corvane {
 
 namespace {
@@ -245,6 +247,7 @@ std::string writeJson(const JsonValue& value, std::string_view prefix, std::stri
 
     std::string text;
     text.reserve(prefix.size() + measure.size + suffix.size());
+    preferLargePages(text.data(), text.capacity());
     text.append(prefix);
     FillingSink fill{text, measure.plainNotes};
     TextMaker(fill).write(value);
