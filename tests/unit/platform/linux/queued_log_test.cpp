@@ -376,8 +376,8 @@ class QueuedSystemLog : public testing::Test {
         for (int count = 0; count < 10000; ++count) {
             log.write(LogCategory::status, text);
         }
-        while (receiveDatagram(daemons.used()).bytes.find("Log entries lost: ") ==
-               std::string::npos) {
+        const int socket = daemons.used();
+        while (receiveDatagram(socket).bytes.find("Log entries lost: ") == std::string::npos) {
         }
         return {};
     }
