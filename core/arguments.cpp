@@ -33,6 +33,13 @@ ArgumentReader::ArgumentReader(const char* handler, const JsonObject* arguments)
     }
 }
 
+ArgumentReader::ArgumentReader(const char* handler, const char* key, const JsonValue& value)
+    : handler_(handler), arguments_(value.object()) {
+    if (!arguments_) {
+        fail(std::string(key) + notObject);
+    }
+}
+
 JsonNumber ArgumentReader::requireNumber(const char* key) {
     const JsonNumber* number = checked(key, numberOf, notNumber);
     return number ? *number : JsonNumber::fromUnsigned(0);
@@ -51,7 +58,8 @@ const JsonObject* ArgumentReader::requireObject(const char* key) {
 }
 
 std::optional<JsonNumber> ArgumentReader::optionalNumber(const char* key) {
-    return has(key) ? std::optional(requireNumber(key)) : std::nullopt;
+    const JsonNumber* number = has(key) ? checked(key, numberOf, notNumber) : nullptr;
+    return number ? std::optional(*number) : std::nullopt;
 }
 
 const std::string* ArgumentReader::optionalString(const char* key) {
@@ -66,21 +74,54 @@ const JsonObject* ArgumentReader::optionalObject(const char* key) {
     return has(key) ? requireObject(key) : nullptr;
 }
 
+std::optional<std::vector<std::string>> ArgumentReader::optionalStrings(const char* key) {
+    const JsonArray* elements = optionalArray(key);
+    if (!elements) {
+        return std::nullopt;
+    }
+    std::vector<std::string> strings;
+    strings.reserve(elements->size());
+    for (const JsonValue& element : *elements) {
+        const std::string* string = element.string();
+        if (!string) {
+            fail(std::string(key) + " parameter" + notString);
+            return std::nullopt;
+        }
+        strings.push_back(*string);
+    }
+    return strings;
+}
+
+const JsonValue* ArgumentReader::optionalValue(const char* key) const {
+    return failed() ? nullptr : arguments_->find(key);
+}
+
 bool ArgumentReader::has(const char* key) const {
-    return find(key) != nullptr;
+    return optionalValue(key) != nullptr;
 }
 
 void ArgumentReader::fail(std::string message) {
+    const std::string written = message;
+    fail(std::move(message), written);
+}
+
+void ArgumentReader::fail(std::string message, std::string_view written) {
     if (failed()) {
         return;
     }
-    writeDiagnostic(std::string(handler_) + ": " + message + "\n");
+    writeDiagnostic(std::string(handler_).append(": ").append(written).append("\n"));
     failQuietly(std::move(message));
 }
 
 void ArgumentReader::failQuietly(std::string message) {
     if (!failed()) {
         error_ = makeErrorResponse(genericError, std::move(message));
+    }
+}
+
+void ArgumentReader::failWith(std::optional<JsonValue> error) {
+    if (!failed()) {
+        error_ = std::move(error);
     }
 }
 
@@ -91,16 +132,12 @@ JsonValue ArgumentReader::takeError() {
 template <typename Held>
 const Held* ArgumentReader::checked(const char* key, const Held* (*heldBy)(const JsonValue&),
                                     const char* complaint) {
-    const JsonValue* value = find(key);
+    const JsonValue* value = optionalValue(key);
     const Held* held = value ? heldBy(*value) : nullptr;
     if (!held) {
         fail(std::string(key) + complaint);
     }
     return held;
-}
-
-const JsonValue* ArgumentReader::find(const char* key) const {
-    return failed() ? nullptr : arguments_->find(key);
 }
 
 }  // namespace corvane

@@ -1,8 +1,9 @@
 #pragma once
 
-#include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "core/json_value.h"
 
@@ -26,6 +27,10 @@ class ArgumentReader {
     /// Fails with "missing arguments" when `arguments` is null.
     ArgumentReader(const char* handler, const JsonObject* arguments);
 
+    /// Reads the members of an argument that is an object itself: `value`, which stands under
+    /// `key`. Fails with "<key> is not a dictionary" when it is of another type.
+    ArgumentReader(const char* handler, const char* key, const JsonValue& value);
+
     /// Each reads a mandatory argument and fails with "<key> is not a ..." when it is absent or of
     /// another type. Strings, arrays and objects are lent, null after a failure; a boolean passes
     /// as a number.
@@ -34,11 +39,18 @@ class ArgumentReader {
     const JsonArray* requireArray(const char* key);
     const JsonObject* requireObject(const char* key);
 
-    /// The same for arguments that may be absent.
+    /// The same for arguments that may be absent: nothing when they are, or after a failure.
     std::optional<JsonNumber> optionalNumber(const char* key);
     const std::string* optionalString(const char* key);
     const JsonArray* optionalArray(const char* key);
     const JsonObject* optionalObject(const char* key);
+
+    /// Copies of an array's strings. An element of another type fails with
+    /// "<key> parameter is not a string".
+    std::optional<std::vector<std::string>> optionalStrings(const char* key);
+
+    /// What stands under `key`, of whatever type. Lent, null when absent or after a failure.
+    [[nodiscard]] const JsonValue* optionalValue(const char* key) const;
 
     /// Whether `key` is there, of whatever type.
     [[nodiscard]] bool has(const char* key) const;
@@ -48,14 +60,19 @@ class ArgumentReader {
     void fail(std::string message);
     void failQuietly(std::string message);
 
+    /// Fails with one text in the answer and another, `written`, on standard error.
+    void fail(std::string message, std::string_view written);
+
+    /// Fails with the error response of another reader, which has written what was to be written.
+    /// Without effect when there is none.
+    void failWith(std::optional<JsonValue> error);
+
     [[nodiscard]] bool failed() const noexcept { return error_.has_value(); }
 
     /// The error response of the first failure; only when `failed()`.
     [[nodiscard]] JsonValue takeError();
 
  private:
-    [[nodiscard]] const JsonValue* find(const char* key) const;
-
     template <typename Held>
     const Held* checked(const char* key, const Held* (*heldBy)(const JsonValue&),
                         const char* complaint);

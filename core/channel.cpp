@@ -8,7 +8,6 @@
 #include <limits>
 #include <optional>
 #include <string>
-#include <system_error>
 
 #include "core/descriptor_guard.h"
 #include "core/message.h"
@@ -27,10 +26,6 @@ int currentDescriptor = -1;
 /// The socket of the last connection that failed. It is left open as the channel's contract has it,
 /// but only until the next one fails, so that a host that never listens cannot use descriptors up.
 DescriptorGuard failedSocket;
-
-std::string errorText(int error) {
-    return std::generic_category().message(error);
-}
 
 void setCloseOnExec(int descriptor) {
     ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);

@@ -1,12 +1,52 @@
 #include "core/heap.h"
 
+#include <fcntl.h>
 #include <malloc.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <charconv>
 #include <cstdint>
+#include <limits>
 #include <memory>
+#include <string_view>
+
+#include "core/descriptor_guard.h"
 
 namespace corvane {
+
+namespace {
+
+/// What the machine could give without swapping, in bytes; without a limit where /proc is absent.
+std::uint64_t availableMemory() noexcept {
+    constexpr std::string_view name = "MemAvailable:";
+    std::array<char, 1024> buffer;  // it is the third line
+    const DescriptorGuard file(::open("/proc/meminfo", O_RDONLY | O_CLOEXEC));
+    const ssize_t count = ::read(file.borrow(), buffer.data(), buffer.size());
+    std::string_view text(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    std::uint64_t kibibytes = std::numeric_limits<std::uint64_t>::max() / 1024;
+    if (const auto at = text.find(name); at != std::string_view::npos) {
+        text.remove_prefix(at + name.size());
+        text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+        std::from_chars(text.data(), text.data() + text.size(), kibibytes);
+    }
+    return kibibytes * 1024;
+}
+
+/// Tries it, since limits are many: of the address space, of the overcommitment, of the process.
+bool addressSpaceSuffices(std::uint64_t bytes) noexcept {
+    void* const memory =
+        ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        return false;
+    }
+    ::munmap(memory, bytes);
+    return true;
+}
+
+}  // namespace
 
 #ifdef __GLIBC__
 
@@ -32,6 +72,14 @@ void preferLargePages(void* memory, std::size_t size) noexcept {
     if (void* start = std::align(largePage, largePage, memory, size)) {
         ::madvise(start, size - size % largePage, MADV_HUGEPAGE);
     }
+}
+
+bool memorySuffices(std::uint64_t bytes) noexcept {
+    if (bytes < largeMessage) {
+        return true;
+    }
+    const std::uint64_t available = availableMemory();
+    return bytes <= available - available / 8 && addressSpaceSuffices(bytes);
 }
 
 }  // namespace corvane

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace corvane {
 
@@ -15,6 +16,14 @@ void keepHeapSmall() noexcept;
 /// Asks for large pages behind `size` bytes of untouched memory from `memory` on, where it is big
 /// enough for some: filling it then takes fewer page faults. See madvise(2), MADV_HUGEPAGE.
 void preferLargePages(void* memory, std::size_t size) noexcept;
+
+/// Whether so much more memory can be had and filled now: the address space takes it, and the
+/// machine has it available, with some left for others. See proc(5), MemAvailable. Less than
+/// `largeMessage` is not worth the question and taken to be there.
+///
+/// Asks the machine, not the control group: a limit on ours (cgroup v2, memory.max) is not known
+/// here. What is said holds for the moment; an allocation may fail nonetheless. Any thread.
+bool memorySuffices(std::uint64_t bytes) noexcept;
 
 /// Gives what is free in the heap back to the system. See malloc_trim(3).
 void trimHeap() noexcept;

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <limits.h>
 #include <new>
+#include <system_error>
 
 #include "core/json_writer.h"
 #include "core/masked_value.h"
@@ -72,6 +73,10 @@ JsonValue makeSuccessResponse(JsonValue result) {
     JsonObject response;
     response.add("return", std::move(result));
     return response;
+}
+
+std::string errorText(int error) {
+    return std::generic_category().message(error);
 }
 
 void logStatus(bool fatal, const char* format, ...) {

@@ -20,6 +20,9 @@ JsonValue makeErrorResponse(const char* errorClass, std::string description);
 /// {"return": result}.
 JsonValue makeSuccessResponse(JsonValue result);
 
+/// The system's text for an errno value. See strerror(3).
+std::string errorText(int error);
+
 /// Writes one entry, formatted as printf(3) does, to the status log, its trailing newline kept.
 /// With `fatal` true the process then exits with status 1. Writes nothing when formatting fails.
 /// Any thread.

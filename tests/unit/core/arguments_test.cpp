@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "core/json_writer.h"
+#include "core/message.h"
 
 namespace corvane {
 namespace {
@@ -142,6 +143,93 @@ TEST(Arguments, LastOfSeveralWithOneNameCounts) {
     const JsonObject arguments{{"a", std::string("x")}, {"a", JsonNumber::fromUnsigned(4)}};
     ArgumentReader reader("handleSample", &arguments);
     EXPECT_EQ(reader.requireNumber("a").asUnsigned64(), 4U);
+}
+
+TEST(Arguments, OptionalNumberOfAnotherTypeIsNothingRatherThanZero) {
+    const JsonObject arguments = sample();
+    outcomeOf([](ArgumentReader& r) { EXPECT_FALSE(r.optionalNumber("string")); }, &arguments);
+}
+
+TEST(Arguments, StringsOfAnArrayAreCopiedInOrder) {
+    const JsonObject arguments{
+        {"list", JsonArray{std::string("b"), std::string(), std::string("a")}},
+        {"empty", JsonArray()}};
+    ArgumentReader reader("handleSample", &arguments);
+    EXPECT_EQ(reader.optionalStrings("list"), (std::vector<std::string>{"b", "", "a"}));
+    EXPECT_EQ(reader.optionalStrings("empty"), std::vector<std::string>());
+    EXPECT_EQ(reader.optionalStrings("absent"), std::nullopt);
+    EXPECT_FALSE(reader.failed());
+}
+
+TEST(Arguments, ElementThatIsNotAStringIsAFailureOfItsOwn) {
+    const JsonObject arguments{{"list", JsonArray{std::string("b"), JsonValue()}},
+                               {"text", std::string("b")}};
+    const auto read = [&](const char* key) {
+        return outcomeOf([&](ArgumentReader& r) { EXPECT_FALSE(r.optionalStrings(key)); },
+                         &arguments);
+    };
+    EXPECT_EQ(read("list").answer, genericAnswer("list parameter is not a string"));
+    EXPECT_EQ(read("list").standardError, "handleSample: list parameter is not a string\n");
+    EXPECT_EQ(read("text").answer, genericAnswer("text is not an array"));
+}
+
+TEST(Arguments, ValueOfAnyTypeIsLentUntilAFailure) {
+    const JsonObject arguments = sample();
+    outcomeOf(
+        [](ArgumentReader& r) {
+            ASSERT_NE(r.optionalValue("null"), nullptr);
+            EXPECT_TRUE(r.optionalValue("null")->isNull());
+            EXPECT_EQ(r.optionalValue("absent"), nullptr);
+            r.failQuietly("over");
+            EXPECT_EQ(r.optionalValue("null"), nullptr);
+        },
+        &arguments);
+}
+
+TEST(Arguments, StandardErrorMayGetAnotherTextThanTheAnswer) {
+    const JsonObject arguments = sample();
+    const Outcome outcome = outcomeOf(
+        [](ArgumentReader& r) {
+            r.fail("gone", "/secret gone");
+            r.fail("later", "later");
+        },
+        &arguments);
+    EXPECT_EQ(outcome.answer, genericAnswer("gone"));
+    EXPECT_EQ(outcome.standardError, "handleSample: /secret gone\n");
+}
+
+TEST(Arguments, ObjectInsideIsReadByAReaderOfItsOwn) {
+    const JsonValue inside = JsonObject{{"n", JsonNumber::fromUnsigned(4)}};
+    ArgumentReader reader("handleInside", "outer", inside);
+    EXPECT_EQ(reader.requireNumber("n").asUnsigned64(), 4U);
+    EXPECT_FALSE(reader.failed());
+}
+
+TEST(Arguments, ValueInsideThatIsNoObjectFailsUnderItsKey) {
+    for (const JsonValue& inside :
+         {JsonValue(), JsonValue(JsonArray()), JsonValue(std::string("x"))}) {
+        testing::internal::CaptureStderr();
+        ArgumentReader reader("handleInside", "outer", inside);
+        EXPECT_FALSE(reader.has("n"));
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  "handleInside: outer is not a dictionary\n");
+        EXPECT_EQ(writeJson(reader.takeError()), genericAnswer("outer is not a dictionary"));
+    }
+}
+
+TEST(Arguments, FailureOfAnotherReaderIsTakenOverWithoutBeingWrittenAgain) {
+    const JsonObject arguments = sample();
+    const JsonValue inner = makeErrorResponse(genericError, "inner");
+    const Outcome outcome = outcomeOf(
+        [&](ArgumentReader& r) {
+            r.failWith(std::nullopt);
+            EXPECT_FALSE(r.failed());
+            r.failWith(inner);
+            r.failWith(makeErrorResponse(genericError, "later"));
+        },
+        &arguments);
+    EXPECT_EQ(outcome.answer, genericAnswer("inner"));
+    EXPECT_EQ(outcome.standardError, "");
 }
 
 }  // namespace
