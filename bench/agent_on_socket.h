@@ -8,6 +8,7 @@
 #include "core/descriptor_guard.h"
 #include "platform/linux/linux_channel_device.h"
 #include "platform/platform.h"
+#include "tests/fakes/fake_process_services.h"
 #include "tests/fakes/fake_services.h"
 
 namespace corvane {
@@ -55,8 +56,13 @@ class BenchPlatform {
     FakeHypervisor hypervisor_;
     FakeVsockSockets vsockSockets_;
     FakeRemoteLogin remoteLogin_;
-    Platform services_{systemLog_,    firmware_,     serialDevices_, hypervisor_,
-                       channelDevice, vsockSockets_, remoteLogin_};
+    FakeAccounts accounts_;
+    FakePrivateDirectory privateDirectory_;
+    FakeTerminals terminals_;
+    FakeProcessInformation processInformation_;
+    Platform services_{systemLog_,        firmware_,     serialDevices_,     hypervisor_,
+                       channelDevice,     vsockSockets_, remoteLogin_,       accounts_,
+                       privateDirectory_, terminals_,    processInformation_};
     PlatformScope scope_{services_};
 };
 

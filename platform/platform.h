@@ -2,12 +2,16 @@
 
 namespace corvane {
 
+class Accounts;
 class ChannelDevice;
 class Firmware;
 class Hypervisor;
+class PrivateDirectory;
+class ProcessInformation;
 class RemoteLogin;
 class SerialDevices;
 class SystemLog;
+class Terminals;
 class VsockSockets;
 
 /// The guest's services, as the agent needs them. Borrowed: whoever installs them keeps them alive.
@@ -19,6 +23,10 @@ struct Platform {
     ChannelDevice& channelDevice;
     VsockSockets& vsockSockets;
     RemoteLogin& remoteLogin;
+    Accounts& accounts;
+    PrivateDirectory& privateDirectory;
+    Terminals& terminals;
+    ProcessInformation& processInformation;
 };
 
 /// The platform in use. One must be installed.

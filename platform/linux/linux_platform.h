@@ -1,10 +1,14 @@
 #pragma once
 
+#include "platform/linux/linux_accounts.h"
 #include "platform/linux/linux_channel_device.h"
 #include "platform/linux/linux_firmware.h"
 #include "platform/linux/linux_hypervisor.h"
+#include "platform/linux/linux_private_directory.h"
+#include "platform/linux/linux_process_information.h"
 #include "platform/linux/linux_remote_login.h"
 #include "platform/linux/linux_serial_devices.h"
+#include "platform/linux/linux_terminals.h"
 #include "platform/linux/linux_vsock_sockets.h"
 #include "platform/linux/queued_log.h"
 #include "platform/platform.h"
@@ -30,6 +34,10 @@ class LinuxPlatform {
     LinuxChannelDevice channelDevice_;
     LinuxVsockSockets vsockSockets_;
     LinuxRemoteLogin remoteLogin_;
+    LinuxAccounts accounts_;
+    LinuxPrivateDirectory privateDirectory_;
+    LinuxTerminals terminals_;
+    LinuxProcessInformation processInformation_;
     Platform services_;
 };
 

@@ -2,6 +2,7 @@
 
 #include "platform/platform.h"
 #include "tests/fakes/fake_channel_device.h"
+#include "tests/fakes/fake_process_services.h"
 #include "tests/fakes/fake_services.h"
 
 namespace corvane {
@@ -16,10 +17,15 @@ struct FakePlatform {
     FakeChannelDevice channelDevice;
     FakeVsockSockets vsockSockets;
     FakeRemoteLogin remoteLogin;
+    FakeAccounts accounts;
+    FakePrivateDirectory privateDirectory;
+    FakeTerminals terminals;
+    FakeProcessInformation processInformation;
 
  private:
-    Platform services_{systemLog,     firmware,     serialDevices, hypervisor,
-                       channelDevice, vsockSockets, remoteLogin};
+    Platform services_{systemLog,        firmware,     serialDevices,     hypervisor,
+                       channelDevice,    vsockSockets, remoteLogin,       accounts,
+                       privateDirectory, terminals,    processInformation};
     PlatformScope scope_{services_};
 };
 

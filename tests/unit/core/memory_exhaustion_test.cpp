@@ -115,8 +115,17 @@ class MemoryExhaustion : public testing::Test {
     FakePlatform fakes_;
     QuietLog log_;
     PiecewiseDevice device_;
-    Platform services_{log_,    fakes_.firmware,     fakes_.serialDevices, fakes_.hypervisor,
-                       device_, fakes_.vsockSockets, fakes_.remoteLogin};
+    Platform services_{log_,
+                       fakes_.firmware,
+                       fakes_.serialDevices,
+                       fakes_.hypervisor,
+                       device_,
+                       fakes_.vsockSockets,
+                       fakes_.remoteLogin,
+                       fakes_.accounts,
+                       fakes_.privateDirectory,
+                       fakes_.terminals,
+                       fakes_.processInformation};
     PlatformScope scope_{services_};
 };
 

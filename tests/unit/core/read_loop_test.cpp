@@ -306,9 +306,17 @@ class ReadLoopOnAScript : public testing::Test {
 
     FakePlatform fakes_;
     ScriptedChannelDevice device_;
-    Platform services_{fakes_.systemLog,  fakes_.firmware, fakes_.serialDevices,
-                       fakes_.hypervisor, device_,         fakes_.vsockSockets,
-                       fakes_.remoteLogin};
+    Platform services_{fakes_.systemLog,
+                       fakes_.firmware,
+                       fakes_.serialDevices,
+                       fakes_.hypervisor,
+                       device_,
+                       fakes_.vsockSockets,
+                       fakes_.remoteLogin,
+                       fakes_.accounts,
+                       fakes_.privateDirectory,
+                       fakes_.terminals,
+                       fakes_.processInformation};
     PlatformScope scope_{services_};
 };
 

@@ -1,9 +1,6 @@
 #include "core/start_up.h"
 
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
@@ -15,6 +12,7 @@
 
 #include "tests/fakes/child_process.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fakes/forbidden_call.h"
 
 namespace corvane {
 namespace {
@@ -139,9 +137,11 @@ class UnlistableSerialDevices : public SerialDevices {
 
 TEST_F(StartUp, ExceptionEndsItWithStatusOneAndAMessage) {
     UnlistableSerialDevices unlistable;
-    Platform services{platform_.systemLog,  platform_.firmware,      unlistable,
-                      platform_.hypervisor, platform_.channelDevice, platform_.vsockSockets,
-                      platform_.remoteLogin};
+    Platform services{
+        platform_.systemLog,   platform_.firmware,          unlistable,
+        platform_.hypervisor,  platform_.channelDevice,     platform_.vsockSockets,
+        platform_.remoteLogin, platform_.accounts,          platform_.privateDirectory,
+        platform_.terminals,   platform_.processInformation};
     const PlatformScope scope(services);
     const End end = endOf([] { exitWith(true); });
     EXPECT_EQ(end.status, 1);
@@ -187,26 +187,12 @@ TEST_F(StartUp, IgnoresBrokenPipes) {
     });
 }
 
-/// Makes every later blocking of signals fail with EPERM. See seccomp(2).
-void forbidSignalBlocking() {
-    std::array<sock_filter, 6> filter{{
-        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, nr)},
-        {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, SYS_rt_sigprocmask},
-        {BPF_LD | BPF_W | BPF_ABS, 0, 0, offsetof(seccomp_data, args)},
-        {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, SIG_BLOCK},
-        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ERRNO | EPERM},
-        {BPF_RET | BPF_K, 0, 0, SECCOMP_RET_ALLOW},
-    }};
-    const sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
-    ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
-    ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program);
-}
-
 TEST_F(StartUp, EndsWithStatus255AndNoMessageWhenSigchldCannotBeBlocked) {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the leak check at the exit must block signals itself";
 #endif
-    const End end = endOf([] { exitWith(true); }, forbidSignalBlocking);
+    const End end = endOf([] { exitWith(true); },
+                          [] { forbidSystemCall(SYS_rt_sigprocmask, EPERM, SIG_BLOCK); });
     EXPECT_EQ(end.status, 255);
     EXPECT_EQ(end.log, firstLines);
 }

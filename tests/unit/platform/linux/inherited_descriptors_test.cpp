@@ -9,11 +9,16 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/linux/linux_accounts.h"
 #include "platform/linux/linux_channel_device.h"
 #include "platform/linux/linux_firmware.h"
+#include "platform/linux/linux_private_directory.h"
+#include "platform/linux/linux_process_information.h"
 #include "platform/linux/linux_serial_devices.h"
+#include "platform/linux/linux_terminals.h"
 #include "platform/linux/system_log_choice.h"
 #include "tests/unit/platform/linux/private_mounts.h"
+#include "tests/unit/platform/linux/process_with_input.h"
 #include "tests/unit/platform/linux/pseudo_terminal.h"
 #include "tests/unit/platform/linux/temporary_tree.h"
 
@@ -81,6 +86,29 @@ TEST(InheritedDescriptors, TheOtherAdaptersLeaveNothingOpen) {
     static_cast<void>(LinuxFirmware().bootArgument("x"));
     static_cast<void>(LinuxFirmware().readProperty("/options", "x"));
     static_cast<void>(LinuxSerialDevices().list());
+    EXPECT_EQ(descriptorsOfAChild(), before);
+}
+
+TEST(InheritedDescriptors, AChildSeesNoneOfThoseThatProgramsAreStartedWith) {
+    const std::string before = descriptorsOfAChild();
+    ASSERT_TRUE(lists(before, STDOUT_FILENO)) << before;
+    const TemporaryTree tree;
+    auto pair = LinuxTerminals().openPair({}, winsize{});
+    ASSERT_TRUE(pair.ok());
+    const PseudoTerminal terminal;
+    const ProcessWithInput process(
+        [&] { return ::open(terminal.path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC); });
+    auto input = LinuxProcessInformation().openInput(process.id());
+    ASSERT_TRUE(input.ok());
+    const std::string folder = tree.path();
+    LinuxPrivateDirectory directory(tree.path("private"),
+                                    [&folder](const char*) { return folder.c_str(); });
+    ASSERT_TRUE(directory.prepare().ok());
+    LinuxAccounts accounts;
+    ASSERT_TRUE(accounts.userByName("root").ok());
+    ASSERT_TRUE(accounts.userById(0).ok());
+    ASSERT_TRUE(accounts.groupByName("root").ok());
+    ASSERT_TRUE(accounts.groupById(0).ok());
     EXPECT_EQ(descriptorsOfAChild(), before);
 }
 

@@ -11,6 +11,10 @@ TEST(LinuxPlatform, LendsItsAdaptersWhileItIsInstalled) {
     EXPECT_EQ(&platform().channelDevice, &linuxPlatform.services().channelDevice);
     EXPECT_NE(dynamic_cast<LinuxChannelDevice*>(&platform().channelDevice), nullptr);
     EXPECT_NE(dynamic_cast<LinuxVsockSockets*>(&platform().vsockSockets), nullptr);
+    EXPECT_NE(dynamic_cast<LinuxAccounts*>(&platform().accounts), nullptr);
+    EXPECT_NE(dynamic_cast<LinuxPrivateDirectory*>(&platform().privateDirectory), nullptr);
+    EXPECT_NE(dynamic_cast<LinuxTerminals*>(&platform().terminals), nullptr);
+    EXPECT_NE(dynamic_cast<LinuxProcessInformation*>(&platform().processInformation), nullptr);
 }
 
 TEST(LinuxPlatform, DoesNotOfferARemoteLoginThatItCannotSwitch) {
