@@ -5,6 +5,8 @@
 
 #include <stdexcept>
 
+#include "commands/exec/exec.h"
+#include "commands/exec/exec_status.h"
 #include "commands/handshake/ping.h"
 #include "core/channel.h"
 #include "core/command_table.h"
@@ -18,8 +20,10 @@ JsonValue ignoreArguments(const JsonObject* /*arguments*/) {
     return JsonObject();
 }
 
-const std::array<Command, 2> commands = {{
+const std::array<Command, 4> commands = {{
     {"guest-ping", handleGuestPing, 1, ReportCondition::always},
+    {"guest-exec", handleGuestExec, 3, ReportCondition::always},
+    {"guest-exec-status", handleGuestExecStatus, 4, ReportCondition::always},
     {"ignore", ignoreArguments, 2, ReportCondition::always},
 }};
 
@@ -66,8 +70,8 @@ void sendAll(int descriptor, std::string_view text) {
     }
 }
 
-void receiveLine(int descriptor) {
-    std::array<char, 65536> buffer;
+std::string_view receiveLine(int descriptor) {
+    thread_local std::array<char, 65536> buffer;
     ssize_t count = 0;
     do {
         count = ::read(descriptor, buffer.data(), buffer.size());
@@ -75,6 +79,7 @@ void receiveLine(int descriptor) {
             throw std::runtime_error("cannot read from the agent");
         }
     } while (buffer[static_cast<std::size_t>(count) - 1] != '\n');
+    return {buffer.data(), static_cast<std::size_t>(count)};
 }
 
 }  // namespace corvane

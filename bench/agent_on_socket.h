@@ -85,7 +85,8 @@ class AgentOnSocket {
 /// Writes all of `text`.
 void sendAll(int descriptor, std::string_view text);
 
-/// Reads until a line feed has come; nothing may follow it.
-void receiveLine(int descriptor);
+/// Reads until a line feed has come; nothing may follow it. Returns the last piece that was read,
+/// the whole of a short line. Valid until the next call.
+std::string_view receiveLine(int descriptor);
 
 }  // namespace corvane

@@ -10,6 +10,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/exec_bench.h"
 #include "bench/large_request_bench.h"
 #include "bench/ratio_report.h"
 #include "core/heap.h"
@@ -40,6 +41,24 @@ const std::vector<Ratio>& targets() {
          Ratio::Target::atMost, 12},
         {"the same over a socket", "line/socket_100MB", "line/socket_10MB", Ratio::Target::atMost,
          12},
+        {"start to reported exit, in bare forks", "exec/agent", "exec/bare_fork",
+         Ratio::Target::atMost, 1.3},
+        {"the same with 512 MB, in those with 10 MB", "exec/agent_512MB", "exec/agent_10MB",
+         Ratio::Target::atMost, 1.5},
+        {"bare fork with 512 MB, in those with 10 MB", "exec/bare_fork_512MB",
+         "exec/bare_fork_10MB", Ratio::Target::atMost, 0},
+        {"16 MiB to base64, in copies of the text", "base64/encode", "base64/memcpy",
+         Ratio::Target::atMost, 0},
+        {"16 MiB from base64, in copies of the text", "base64/decode", "base64/memcpy",
+         Ratio::Target::atMost, 0},
+        {"16 MiB to base64, in copies to fresh memory", "base64/encode_string",
+         "base64/memcpy_fresh", Ratio::Target::atMost, 4},
+        {"16 MiB from base64, in copies to fresh memory", "base64/decode_string",
+         "base64/memcpy_fresh", Ratio::Target::atMost, 4},
+        {"status of 16 MiB of output, in copies of its base64", "exec_status/poll", "base64/memcpy",
+         Ratio::Target::atMost, 0},
+        {"the same in copies to fresh memory", "exec_status/poll", "base64/memcpy_fresh",
+         Ratio::Target::atMost, 4},
     };
     return all;
 }
@@ -74,6 +93,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     ::signal(SIGPIPE, SIG_IGN);
+    corvane::startReaper();
     corvane::keepHeapSmall();
 
     // Before the benchmarks have used memory.

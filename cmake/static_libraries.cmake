@@ -12,5 +12,6 @@ function(corvane_find_static_library name file header)
 endfunction()
 
 corvane_find_static_library(corvane_boost_json boost_json boost/json.hpp)
+corvane_find_static_library(corvane_boost_url boost_url boost/url.hpp)
 corvane_find_static_library(corvane_sodium sodium sodium.h)
 corvane_find_static_library(corvane_xxhash xxhash xxhash.h)

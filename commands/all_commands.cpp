@@ -1,5 +1,8 @@
 #include "commands/all_commands.h"
 
+#include "commands/exec/exec.h"
+#include "commands/exec/exec_status.h"
+#include "commands/exec/signal_pid.h"
 #include "commands/handshake/info.h"
 #include "commands/handshake/ping.h"
 #include "commands/handshake/sync.h"
@@ -19,8 +22,8 @@ constexpr std::array<Command, 20> allCommands{{
     {"guest-sync-delimited", handleGuestSyncDelimited, 5, always},
     {"guest-info", handleGuestInfo, 3, always},
     {"guest-ping", handleGuestPing, 6, always},
-    {"guest-exec", notBuilt, 1, always},
-    {"guest-exec-status", notBuilt, 2, always},
+    {"guest-exec", handleGuestExec, 1, always},
+    {"guest-exec-status", handleGuestExecStatus, 2, always},
     {"guest-file-open", notBuilt, 7, always},
     {"guest-file-close", notBuilt, 8, always},
     {"guest-file-read", notBuilt, 9, always},
@@ -34,7 +37,7 @@ constexpr std::array<Command, 20> allCommands{{
     {"guest-set-time", notBuilt, 18, always},
     {"guest-get-time", notBuilt, 19, always},
     {"mirel-guest-set-remote-login", notBuilt, 17, ifRemoteLogin},
-    {"mirel-guest-signal-pid", notBuilt, 20, always},
+    {"mirel-guest-signal-pid", handleGuestSignalPid, 20, always},
 }};
 
 }  // namespace corvane

@@ -26,7 +26,9 @@ void drainEndedChildren() {
     for (pid_t pid = ::waitpid(-1, &status, WNOHANG); pid > 0;
          pid = ::waitpid(-1, &status, WNOHANG)) {
         const auto entry = processTable.find(pid);
-        if (entry != processTable.end() && entry->second) {
+        // The record of a program that has ended and was never asked about keeps its status when
+        // another child of ours comes by the same process id.
+        if (entry != processTable.end() && entry->second && entry->second->running) {
             entry->second->running = false;
             entry->second->status = status;
         }

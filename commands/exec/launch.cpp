@@ -1,0 +1,145 @@
+#include "commands/exec/launch.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "commands/exec/child_process.h"
+#include "commands/exec/exec_request.h"
+#include "commands/exec/process_table.h"
+#include "commands/exec/streams.h"
+#include "commands/exec/terminal_relay.h"
+#include "core/message.h"
+#include "platform/platform.h"
+#include "platform/terminals.h"
+
+namespace corvane {
+
+namespace {
+
+JsonValue failure(std::string description) {
+    return makeErrorResponse(genericError, std::move(description));
+}
+
+/// Puts a new terminal between the connection and the program: a relay process gets the connection
+/// and the terminal's master end, the program its slave end. Returns why that failed.
+std::optional<std::string> startTerminalRelay(const ExecRequest& request, Streams& streams) {
+    auto opened = platform().terminals.openPair(*request.terminalSettings, *request.windowSize);
+    if (!opened.ok()) {
+        return "failed to openpty: " + errorText(opened.error());
+    }
+    PseudoTerminalPair terminal = opened.take();
+    const pid_t relay = ::fork();
+    if (relay < 0) {
+        return "failed to fork pty child: " + errorText(errno);
+    }
+    if (relay == 0) {
+        runTerminalRelay(streams.input.borrow(), terminal.master.borrow());
+    }
+    streams.input = std::move(terminal.slave);
+    return std::nullopt;
+}
+
+/// What the child's streams are to be. They stay ours.
+void lendStreams(const Streams& streams, bool captureOutput, ChildSetup& setup) {
+    setup.standardInput = streams.input.borrow();
+    const auto orInput = [&](const DescriptorGuard& stream) {
+        return streams.inputServesAll ? streams.input.borrow() : stream.borrow();
+    };
+    setup.standardOutput = orInput(streams.output);
+    setup.standardError = orInput(streams.error);
+    if (captureOutput) {
+        setup.kept = {setup.standardOutput, setup.standardError};
+    }
+}
+
+/// Writes all of `bytes`, or what the program takes of them before it closes its input. Waits as
+/// long as the program takes its time.
+void writeInput(int descriptor, std::string_view bytes) noexcept {
+    while (!bytes.empty()) {
+        const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+        if (count > 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            return;
+        }
+    }
+}
+
+/// The record, to be moved into the process table without needing memory.
+ProcessTable::node_type makeEntry(bool captureOutput, const Streams& streams) {
+    auto record = std::make_unique<ProcessRecord>();
+    record->running = true;
+    record->captureOutput = captureOutput;
+    record->outPath = streams.outPath;
+    record->errPath = streams.errPath;
+    ProcessTable made;
+    made.emplace(0, std::move(record));
+    return made.extract(made.begin());
+}
+
+}  // namespace
+
+JsonValue launch(ExecRequest request) {
+    Streams streams;
+    if (auto reason = openStreams(request, streams)) {
+        return failure(std::move(*reason));
+    }
+    if (request.vsockTarget && request.terminalSettings && request.windowSize) {
+        if (auto reason = startTerminalRelay(request, streams)) {
+            return failure(std::move(*reason));
+        }
+    }
+
+    const bool captureOutput = request.captureOutput;
+    const auto inputData = std::exchange(request.inputData, std::nullopt);
+
+    std::unique_lock lock(processTableLock);
+    auto child = std::make_unique<ChildProcess>(std::move(request));
+    lendStreams(streams, captureOutput, child->setup);
+    auto entry = makeEntry(captureOutput, streams);
+    ProcessRecord& record = *entry.mapped();
+    processTable.reserve(processTable.size() + 1);
+    ChildProcess::reserveStart();
+    // From here on nothing needs memory.
+    if (captureOutput) {
+        record.outFd = streams.output.release();
+        record.errFd = streams.error.release();
+    }
+    sigset_t all;
+    sigset_t previous;
+    ::sigfillset(&all);
+    if (const int error = ::pthread_sigmask(SIG_SETMASK, &all, &previous)) {
+        // The lock stays taken: whatever made this call fail, no child can be started safely.
+        lock.release();
+        return failure("failed to block signals: " + errorText(error));
+    }
+    auto started = ChildProcess::start(std::move(child));
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    if (!started.ok()) {
+        return failure("failed to fork child: " + errorText(started.error()));
+    }
+    const pid_t pid = started.value();
+    record.pid = pid;
+    if (inputData) {
+        // With our copy of the read end open, a program that ends without reading all of its input
+        // would leave us waiting for ever.
+        streams.input.closeNow();
+        writeInput(streams.inputWriteEnd.borrow(), *inputData);
+    }
+    entry.key() = pid;
+    processTable.erase(pid);
+    processTable.insert(std::move(entry));
+    lock.unlock();
+    JsonObject result;
+    result.add("pid", JsonNumber::fromSigned(pid));
+    return makeSuccessResponse(std::move(result));
+}
+
+}  // namespace corvane

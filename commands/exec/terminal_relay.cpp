@@ -1,0 +1,177 @@
+#include "commands/exec/terminal_relay.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <span>
+
+namespace corvane {
+
+namespace {
+
+constexpr int cannotBegin = 255;
+
+void closeRange(unsigned first, unsigned last) noexcept {
+    if (first > last || ::syscall(SYS_close_range, first, last, 0) == 0) {
+        return;
+    }
+    // Kernels before 5.9.
+    const auto end = static_cast<unsigned>(std::max(::sysconf(_SC_OPEN_MAX), 0L));
+    for (unsigned descriptor = first; descriptor < end && descriptor <= last; ++descriptor) {
+        ::close(static_cast<int>(descriptor));
+    }
+}
+
+void closeAllBut(int one, int other) noexcept {
+    const auto low = static_cast<unsigned>(std::min(one, other));
+    const auto high = static_cast<unsigned>(std::max(one, other));
+    if (low > 0) {
+        closeRange(0, low - 1);
+    }
+    closeRange(low + 1, high - 1);
+    closeRange(high + 1, ~0U);
+}
+
+bool neverBlock(int descriptor) noexcept {
+    const int flags = ::fcntl(descriptor, F_GETFL);
+    return flags >= 0 && ::fcntl(descriptor, F_SETFL, flags | O_NONBLOCK) == 0;
+}
+
+bool meansLater(int error) noexcept {
+    return error == EAGAIN || error == EINTR;
+}
+
+void await(int descriptor, int events) noexcept {
+    pollfd waited{descriptor, static_cast<short>(events), 0};
+    ::poll(&waited, 1, -1);
+}
+
+/// One direction. At most one buffer full is on its way, and the next is read only when all of it
+/// is written: the end of `from` is noticed after everything before it has been passed on.
+class Direction {
+ public:
+    Direction(int from, int to, std::span<char> buffer) noexcept
+        : from_(from), to_(to), buffer_(buffer) {}
+
+    [[nodiscard]] bool isPending() const noexcept { return !pending_.empty(); }
+
+    /// The errno value that the last `fill` or `flush` failed with; 0 for an end of input.
+    [[nodiscard]] int status() const noexcept { return status_; }
+
+    /// Reads what there is, when nothing is pending. False when `from` has ended.
+    bool fill() noexcept {
+        if (isPending()) {
+            return true;
+        }
+        const ssize_t count = ::read(from_, buffer_.data(), buffer_.size());
+        if (count > 0) {
+            pending_ = buffer_.first(static_cast<std::size_t>(count));
+        }
+        return succeeded(count);
+    }
+
+    /// Writes as much of what is pending as `to` takes at once. False when `to` has ended.
+    bool flush() noexcept {
+        if (!isPending()) {
+            return true;
+        }
+        const ssize_t count = ::write(to_, pending_.data(), pending_.size());
+        if (count > 0) {
+            pending_ = pending_.subspan(static_cast<std::size_t>(count));
+        }
+        return succeeded(count);
+    }
+
+    /// Writes all that is pending, as long as that takes.
+    bool finish() noexcept {
+        while (isPending()) {
+            await(to_, POLLOUT);
+            if (!flush()) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    /// Passes on all that there is still to come.
+    void drain() noexcept {
+        while (finish()) {
+            await(from_, POLLIN);
+            if (!fill()) {
+                return;
+            }
+        }
+    }
+
+ private:
+    bool succeeded(ssize_t count) noexcept {
+        if (count > 0 || (count < 0 && meansLater(errno))) {
+            return true;
+        }
+        status_ = count < 0 ? errno : 0;
+        return false;
+    }
+
+    int from_;
+    int to_;
+    std::span<char> buffer_;
+    std::span<char> pending_;
+    int status_ = 0;
+};
+
+/// What to wait for on a descriptor that one direction reads and the other writes. A descriptor of
+/// which nothing is wanted at present is left out (-1): its hang-up would be reported without end.
+pollfd interestIn(int descriptor, const Direction& reading, const Direction& writing) noexcept {
+    const int events = (reading.isPending() ? 0 : POLLIN) | (writing.isPending() ? POLLOUT : 0);
+    return {events == 0 ? -1 : descriptor, static_cast<short>(events), 0};
+}
+
+/// Neither direction may wait for the other: a program whose output is not taken takes no input.
+/// Returns the exit status.
+int relay(Direction& input, Direction& output, int connection, int master) noexcept {
+    for (;;) {
+        std::array<pollfd, 2> waited{interestIn(connection, input, output),
+                                     interestIn(master, output, input)};
+        if (::poll(waited.data(), waited.size(), -1) < 0 && errno != EINTR) {
+            return 0;
+        }
+        if (!input.fill()) {
+            output.finish();
+            return input.status();
+        }
+        if (!input.flush()) {
+            output.drain();  // the program has ended: what it wrote last still counts
+            return input.status();
+        }
+        if (!output.fill() || !output.flush()) {
+            return output.status();
+        }
+    }
+}
+
+}  // namespace
+
+void runTerminalRelay(int connection, int master) noexcept {
+    closeAllBut(connection, master);
+    const auto pageSize = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    if (::setsid() < 0) {
+        ::_exit(cannotBegin);
+    }
+    void* memory =
+        ::mmap(nullptr, 2 * pageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED || !neverBlock(connection) || !neverBlock(master)) {
+        ::_exit(cannotBegin);
+    }
+    auto* buffers = static_cast<char*>(memory);
+    Direction input(connection, master, {buffers, pageSize});
+    Direction output(master, connection, {buffers + pageSize, pageSize});
+    ::_exit(relay(input, output, connection, master));
+}
+
+}  // namespace corvane
