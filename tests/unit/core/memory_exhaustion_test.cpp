@@ -1,5 +1,5 @@
+#include <cstdio>
 #include <cstdlib>
-#include <new>
 
 #include <gtest/gtest.h>
 
@@ -7,41 +7,8 @@
 #include "core/message.h"
 #include "core/read_loop.h"
 #include "tests/fakes/child_process.h"
+#include "tests/fakes/failing_allocations.h"
 #include "tests/fakes/fake_platform.h"
-
-namespace {
-
-/// How many allocations succeed before failures begin, and how many fail then.
-long allocationsLeft = -1;
-long failuresLeft = 0;
-
-bool allocationFails() {
-    if (allocationsLeft < 0) {
-        return false;
-    }
-    if (allocationsLeft > 0) {
-        --allocationsLeft;
-        return false;
-    }
-    return failuresLeft > 0 && failuresLeft-- > 0;
-}
-
-}  // namespace
-
-// Every allocation of this program can be made to fail. See [new.delete.single].
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    void* memory = allocationFails() ? nullptr : std::malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
 
 namespace corvane {
 namespace {
@@ -97,19 +64,19 @@ class PiecewiseDevice : public ChannelDevice {
 class MemoryExhaustion : public testing::Test {
  protected:
     void SetUp() override { useCommandTable(commands); }
-    void TearDown() override { allocationsLeft = -1; }
+    void TearDown() override { stopFailingAllocations(); }
 
     /// Runs all pieces with the allocations failing from the `first` one on, `failures` of them.
-    void run(long first, long failures) {
+    /// Returns how many of these have not been made.
+    long run(long first, long failures) {
         device_.next = 0;
         device_.sent.clear();
         ReadLoop loop;
-        allocationsLeft = first;
-        failuresLeft = failures;
+        failAllocations(first, failures);
         while (device_.next < device_.pieces.size()) {
             loop.pass();
         }
-        allocationsLeft = -1;
+        return stopFailingAllocations();
     }
 
     FakePlatform fakes_;
@@ -141,8 +108,7 @@ TEST_F(MemoryExhaustion, EachAllocationOfARequestMayFailOnceAndTheNextRequestIsS
     ASSERT_EQ(device_.sent, pong + pong);
     long first = 0;
     for (bool failed = true; failed; ++first) {
-        run(first, 1);
-        failed = failuresLeft == 0;
+        failed = run(first, 1) == 0;
         // Where the failure hit the one or the other line decides which was answered so.
         EXPECT_TRUE(device_.sent == pong + pong || device_.sent == outOfMemoryAnswer + pong ||
                     device_.sent == pong + outOfMemoryAnswer)
@@ -157,8 +123,7 @@ TEST_F(MemoryExhaustion, EachAllocationForAnUnknownCommandMayFailOnce) {
     run(0, 0);
     const std::string regular = device_.sent;
     for (long first = 0;; ++first) {
-        run(first, 1);
-        if (failuresLeft != 0) {
+        if (run(first, 1) != 0) {
             break;
         }
         const bool answered = device_.sent == regular || device_.sent == outOfMemoryAnswer + pong ||
@@ -175,8 +140,7 @@ TEST_F(MemoryExhaustion, LineThatCannotBeCutOffIsAnsweredWithAnErrorAndTheNextIs
     const std::string regular = device_.sent;
     ASSERT_TRUE(regular.ends_with("\n" + pong));
     for (long first = 0;; ++first) {
-        run(first, 1);
-        if (failuresLeft != 0) {
+        if (run(first, 1) != 0) {
             break;
         }
         EXPECT_TRUE(device_.sent == regular || device_.sent == outOfMemoryAnswer + pong ||
@@ -189,16 +153,15 @@ TEST_F(MemoryExhaustion, WithoutAnyMemoryTheProcessEndsWithStatusOneAndAMessage)
     device_.pieces = {"\n{\"execute\":\"guest-ping\"}\n"};
     testing::internal::CaptureStderr();
     const int status = exitStatusOf([this] {
-        std::atexit([] { allocationsLeft = -1; });
+        std::atexit([] { stopFailingAllocations(); });
         static QuietLog* log = nullptr;
         log = &log_;
         std::atexit([] {
-            allocationsLeft = -1;
+            stopFailingAllocations();
             std::fwrite(log->last.data(), 1, log->last.size(), stderr);
         });
         ReadLoop loop;
-        allocationsLeft = 0;
-        failuresLeft = 1000000;
+        failAllocations(0, 1000000);
         loop.run();
     });
     EXPECT_EQ(status, 1);

@@ -23,6 +23,7 @@
 #include "commands/exec/process_table.h"
 #include "core/base64.h"
 #include "core/json_writer.h"
+#include "tests/fakes/descriptor_count.h"
 #include "tests/fakes/fake_platform.h"
 #include "tests/unit/core/json_helper.h"
 
@@ -40,11 +41,6 @@ inline void writeAll(int descriptor, std::string_view bytes) {
         }
         bytes.remove_prefix(static_cast<std::size_t>(count));
     }
-}
-
-inline std::size_t countOpenDescriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
 /// Processes in the table with real capture files, and questions about them.

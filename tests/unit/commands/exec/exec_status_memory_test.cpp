@@ -1,29 +1,5 @@
-#include <cstdlib>
-#include <new>
-
+#include "tests/fakes/failing_allocations.h"
 #include "tests/unit/commands/exec/exec_status_fixture.h"
-
-namespace {
-
-/// How many allocations succeed until one fails; negative for no failure.
-long allocationsLeft = -1;
-
-}  // namespace
-
-// Any one allocation of this program can be made to fail. See [new.delete.single].
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    void* memory = allocationsLeft >= 0 && allocationsLeft-- == 0 ? nullptr : std::malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    std::free(memory);
-}
 
 namespace corvane {
 namespace {
@@ -32,11 +8,10 @@ class ExecStatusWithoutMemory : public ExecStatusFixture {
  protected:
     /// The text of the answer; empty when memory did not suffice for one.
     std::string pollWithFailure(const JsonObject& arguments, long allocation) {
-        allocationsLeft = allocation;
+        failAllocations(allocation, 1);
         try {
             const JsonValue response = handleGuestExecStatus(&arguments);
-            failed_ = allocationsLeft < 0;
-            allocationsLeft = -1;
+            failed_ = stopFailingAllocations() == 0;
             return writeJson(response);
         } catch (const std::bad_alloc&) {
             failed_ = true;
@@ -65,11 +40,11 @@ TEST_F(ExecStatusWithoutMemory, NothingIsLostWhicheverAllocationFails) {
         writeAll(record.outFd, bytes);
         writeAll(record.errFd, bytes);
         end(record, 3 << 8);
-        const std::size_t descriptors = countOpenDescriptors();
+        const std::size_t descriptors = countDescriptors();
         const std::string answer = pollWithFailure(arguments, allocation);
         if (answer.empty()) {
             ++unanswered;
-            EXPECT_EQ(countOpenDescriptors(), descriptors) << allocation;
+            EXPECT_EQ(countDescriptors(), descriptors) << allocation;
             EXPECT_TRUE(std::filesystem::exists(outPath)) << allocation;
             EXPECT_TRUE(writeJson(handleGuestExecStatus(&arguments)) == whole) << allocation;
         } else if (answer != whole) {

@@ -97,10 +97,10 @@ TEST_F(ExecStatus, ProcessWithoutCapturedOutputHasNoOutputKeysEvenAfterItsEnd) {
 
 TEST_F(ExecStatus, ProcessWithoutCapturedOutputClosesNoDescriptor) {
     ProcessRecord& record = remember(nobodysPid);
-    const std::size_t before = countOpenDescriptors();
+    const std::size_t before = countDescriptors();
     end(record, 0);
     poll(nobodysPid);
-    EXPECT_EQ(countOpenDescriptors(), before) << "its descriptor numbers are 0, and not its own";
+    EXPECT_EQ(countDescriptors(), before) << "its descriptor numbers are 0, and not its own";
 }
 
 TEST_F(ExecStatus, EndIsReportedOnceAndThenThePidIsInvalid) {
@@ -167,17 +167,17 @@ TEST_F(ExecStatus, BothStreamsAreReportedWhetherTheProcessRunsOrNot) {
 }
 
 TEST_F(ExecStatus, FilesAndDescriptorsAreReleasedWithTheReportOfTheEndAndNotBefore) {
-    const std::size_t before = countOpenDescriptors();
+    const std::size_t before = countDescriptors();
     ProcessRecord& record = rememberCapturing(nobodysPid);
     const std::string outPath = record.outPath;
     const std::string errPath = record.errPath;
     poll(nobodysPid);
     end(record, 0);
-    EXPECT_EQ(countOpenDescriptors(), before + 2) << "an end that nobody has asked for";
+    EXPECT_EQ(countDescriptors(), before + 2) << "an end that nobody has asked for";
     EXPECT_TRUE(std::filesystem::exists(outPath));
     EXPECT_TRUE(std::filesystem::exists(errPath));
     poll(nobodysPid);
-    EXPECT_EQ(countOpenDescriptors(), before);
+    EXPECT_EQ(countDescriptors(), before);
     EXPECT_FALSE(std::filesystem::exists(outPath));
     EXPECT_FALSE(std::filesystem::exists(errPath));
 }
@@ -193,7 +193,7 @@ TEST_F(ExecStatus, FilesThatAreGoneAlreadyDoNotMatter) {
 }
 
 TEST_F(ExecStatus, FiveHundredProcessesLeaveNothingBehind) {
-    const std::size_t before = countOpenDescriptors();
+    const std::size_t before = countDescriptors();
     for (int round = 0; round < 500; ++round) {
         ProcessRecord& record = rememberCapturing(nobodysPid);
         writeAll(record.outFd, "text");
@@ -201,7 +201,7 @@ TEST_F(ExecStatus, FiveHundredProcessesLeaveNothingBehind) {
         end(record, 0);
         poll(nobodysPid);
     }
-    EXPECT_EQ(countOpenDescriptors(), before);
+    EXPECT_EQ(countDescriptors(), before);
     EXPECT_TRUE(processTable.empty());
     EXPECT_TRUE(std::filesystem::is_empty(platform_.privateDirectory.prepare().value()));
 }

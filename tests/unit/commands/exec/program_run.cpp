@@ -3,7 +3,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -88,11 +87,6 @@ std::string contentOf(const std::string& path) {
     std::ostringstream content;
     content << file.rdbuf();
     return content.str();
-}
-
-std::size_t countDescriptors() {
-    const auto listed = std::filesystem::directory_iterator("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(listed), end(listed)));
 }
 
 std::vector<std::string> linesOf(const std::string& text) {

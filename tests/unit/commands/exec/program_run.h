@@ -10,6 +10,7 @@
 #include "commands/exec/exec_request.h"
 #include "commands/exec/process_table.h"
 #include "core/json_value.h"
+#include "tests/fakes/descriptor_count.h"
 #include "tests/fakes/fake_platform.h"
 
 namespace corvane {
@@ -51,9 +52,6 @@ void awaitEnd(pid_t pid);
 
 /// The whole content of a file, "" where there is none.
 std::string contentOf(const std::string& path);
-
-/// How many descriptors this process has.
-std::size_t countDescriptors();
 
 /// `text` at its line feeds.
 std::vector<std::string> linesOf(const std::string& text);

@@ -72,7 +72,7 @@ bool takeHeld(int signal) {
     return ::sigtimedwait(&set, nullptr, &atOnce) == signal;
 }
 
-std::size_t countOpenDescriptors() {
+std::size_t countDescriptors() {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
@@ -327,14 +327,14 @@ TEST_F(SignalPid, InputThatCannotBeOpenedIsToldByTheNameThatTheProcessHasForIt) 
 
 TEST_F(SignalPid, InputThatIsNoTerminalIsToldByTheAgentsOwnDescriptor) {
     setInput("/dev/null", "/dev/null");
-    const std::size_t before = countOpenDescriptors();
+    const std::size_t before = countDescriptors();
     for (const char* more : {"", R"(,"mirel-window-size":5)"}) {
         const std::string number = std::to_string(nextDescriptor());
         EXPECT_EQ(answerTo(request(SIGWINCH, ::getpid(), more)),
                   error("failed to get window size for file descriptor " + number +
                         " with errno: Inappropriate ioctl for device"));
     }
-    EXPECT_EQ(countOpenDescriptors(), before);
+    EXPECT_EQ(countDescriptors(), before);
     EXPECT_FALSE(takeHeld(SIGWINCH));
 }
 
@@ -355,13 +355,13 @@ TEST_F(SignalPid, DescriptorZeroIsNotClosed) {
 TEST_F(SignalPid, WindowChangeWithoutASizeIsSentAndChangesNoSize) {
     const Terminal terminal;
     setInput(terminal.path, terminal.path);
-    const std::size_t before = countOpenDescriptors();
+    const std::size_t before = countDescriptors();
     EXPECT_EQ(answerTo(request(SIGWINCH, ::getpid())), success);
     EXPECT_TRUE(takeHeld(SIGWINCH));
     EXPECT_EQ(answerTo(R"({"signal":28.9,"pid":)" + std::to_string(::getpid()) + "}"), success);
     EXPECT_TRUE(takeHeld(SIGWINCH));
     EXPECT_EQ(terminal.size(), firstSize);
-    EXPECT_EQ(countOpenDescriptors(), before);
+    EXPECT_EQ(countDescriptors(), before);
 }
 
 TEST_F(SignalPid, WindowChangeWithoutASizeMayFailToBeSent) {
@@ -374,7 +374,7 @@ TEST_F(SignalPid, WindowChangeWithoutASizeMayFailToBeSent) {
 TEST_F(SignalPid, SizeIsSetInsteadOfASignalAndWhatIsLeftOutStays) {
     const Terminal terminal;
     setInput(terminal.path, terminal.path);
-    const std::size_t before = countOpenDescriptors();
+    const std::size_t before = countDescriptors();
     const auto resize = [](const std::string& size) {
         return answerTo(request(SIGWINCH, ::getpid(), R"(,"mirel-window-size":)" + size));
     };
@@ -386,14 +386,14 @@ TEST_F(SignalPid, SizeIsSetInsteadOfASignalAndWhatIsLeftOutStays) {
     EXPECT_EQ(terminal.size(), (std::vector<int>{65535, 1, 4464, 0}));
     EXPECT_EQ(resize("{}"), success);
     EXPECT_EQ(terminal.size(), (std::vector<int>{65535, 1, 4464, 0}));
-    EXPECT_EQ(countOpenDescriptors(), before);
+    EXPECT_EQ(countDescriptors(), before);
     EXPECT_FALSE(takeHeld(SIGWINCH)) << "it is not our controlling terminal";
 }
 
 TEST_F(SignalPid, SizeThatIsNoneIsRefusedWithoutAChangeOrASignal) {
     const Terminal terminal;
     setInput(terminal.path, terminal.path);
-    const std::size_t before = countOpenDescriptors();
+    const std::size_t before = countDescriptors();
     const std::vector<std::pair<std::string, std::string>> refusals = {
         {"null", "mirel-window-size is not a dictionary"},
         {"5", "mirel-window-size is not a dictionary"},
@@ -406,7 +406,7 @@ TEST_F(SignalPid, SizeThatIsNoneIsRefusedWithoutAChangeOrASignal) {
         EXPECT_EQ(testing::internal::GetCapturedStderr(), "getWindowSize: " + description + "\n");
     }
     EXPECT_EQ(terminal.size(), firstSize);
-    EXPECT_EQ(countOpenDescriptors(), before);
+    EXPECT_EQ(countDescriptors(), before);
     EXPECT_FALSE(takeHeld(SIGWINCH));
 }
 
@@ -457,12 +457,12 @@ TEST_F(SignalPid, SizeThatTheSystemRefusesIsToldByTheAgentsOwnDescriptor) {
                       ::_exit(2);
                   }
                   const std::string number = std::to_string(nextDescriptor());
-                  const std::size_t before = countOpenDescriptors();
+                  const std::size_t before = countDescriptors();
                   const bool told = answerTo(request(SIGWINCH, ::getppid(),
                                                      R"(,"mirel-window-size":{"rows":9})")) ==
                                     error("failed to set window size for file descriptor " +
                                           number + " with errno: Operation not permitted");
-                  ::_exit(told && countOpenDescriptors() == before ? 0 : 1);
+                  ::_exit(told && countDescriptors() == before ? 0 : 1);
               }),
               0);
     EXPECT_EQ(terminal.size(), firstSize);

@@ -1,0 +1,52 @@
+#include "tests/fakes/failing_allocations.h"
+
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+namespace corvane {
+
+namespace {
+
+long succeedingLeft = 0;
+long failingLeft = 0;
+
+bool allocationFails() noexcept {
+    if (failingLeft == 0) {
+        return false;
+    }
+    if (succeedingLeft > 0) {
+        --succeedingLeft;
+        return false;
+    }
+    --failingLeft;
+    return true;
+}
+
+}  // namespace
+
+void failAllocations(long succeeding, long failing) noexcept {
+    succeedingLeft = succeeding;
+    failingLeft = failing;
+}
+
+long stopFailingAllocations() noexcept {
+    return std::exchange(failingLeft, 0);
+}
+
+}  // namespace corvane
+
+// See [new.delete.single].
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    void* memory = corvane::allocationFails() ? nullptr : std::malloc(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    std::free(memory);
+}
