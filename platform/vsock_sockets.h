@@ -27,6 +27,9 @@ constexpr bool meansNoVsock(int error, int absence) noexcept {
     return error == absence || error == EAFNOSUPPORT;
 }
 
+/// Whether the guest can make a vsock socket at this moment, with the platform in use.
+bool isVsockAvailable();
+
 /// The context id of the host. See vsock(7), VMADDR_CID_HOST.
 inline constexpr std::uint32_t hostContextId = 2;
 

@@ -17,6 +17,7 @@
 #include <new>
 #include <optional>
 #include <span>
+#include <string_view>
 
 #include "core/base64.h"
 #include "core/heap.h"
@@ -48,26 +49,36 @@ std::optional<std::size_t> readPiece(int descriptor, std::span<char> piece, std:
     return filled;
 }
 
-/// Throws std::bad_alloc.
-std::string encodeFile(int descriptor, std::size_t size) {
-    std::string text;
-    text.reserve(base64Length(size));
-    preferLargePages(text.data(), text.capacity());
+/// Gives the file's content, up to `size` bytes from its first one on, to `take`, piece by piece.
+/// False on failure.
+template <typename Take>
+bool readAllFromDescriptor(int descriptor, std::size_t size, Take take) {
     std::array<char, pieceSize> piece;
     for (std::size_t offset = 0; offset < size; offset += pieceSize) {
         const std::size_t wanted = std::min(pieceSize, size - offset);
         const auto got = readPiece(descriptor, {piece.data(), wanted}, offset);
         if (!got) {
-            return {};
+            return false;
         }
-        const std::size_t end = text.size();
-        text.resize(end + base64Length(*got));
-        encodeBase64({piece.data(), *got}, text.data() + end);
+        take(std::string_view(piece.data(), *got));
         if (*got < wanted) {
             break;  // the file has become shorter
         }
     }
-    return text;
+    return true;
+}
+
+/// Throws std::bad_alloc.
+std::string encodeFile(int descriptor, std::size_t size) {
+    std::string text;
+    text.reserve(base64Length(size));
+    preferLargePages(text.data(), text.capacity());
+    const bool read = readAllFromDescriptor(descriptor, size, [&](std::string_view piece) {
+        const std::size_t end = text.size();
+        text.resize(end + base64Length(piece.size()));
+        encodeBase64(piece, text.data() + end);
+    });
+    return read ? text : std::string();
 }
 
 /// `size` is below 2^63, but its text need not be: the first question bounds the second one.

@@ -26,7 +26,7 @@ JsonValue reportOf(const Command& command) {
 }  // namespace
 
 JsonValue handleGuestInfo() {
-    const bool vsockWorks = platform().vsockSockets.createStream().ok();
+    const bool vsockWorks = isVsockAvailable();
     const bool remoteLoginWorks = platform().remoteLogin.isAvailable();
 
     std::vector<const Command*> reported;
