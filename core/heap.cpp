@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string_view>
 
 #include "core/descriptor_guard.h"
@@ -66,6 +67,11 @@ void keepHeapSmall() noexcept {}
 void trimHeap() noexcept {}
 
 #endif
+
+void requireMemory(std::size_t bytes) {
+    // As functions: a new-expression that nothing comes of may be left out by the compiler.
+    ::operator delete(::operator new(bytes));
+}
 
 void preferLargePages(void* memory, std::size_t size) noexcept {
     constexpr std::size_t largePage = 2 * 1024 * 1024;  // on x86-64 and most of arm64

@@ -25,6 +25,10 @@ void preferLargePages(void* memory, std::size_t size) noexcept;
 /// here. What is said holds for the moment; an allocation may fail nonetheless. Any thread.
 bool memorySuffices(std::uint64_t bytes) noexcept;
 
+/// Throws std::bad_alloc unless so much can be allocated at this moment in one piece, for whoever
+/// must know before he gives something up.
+void requireMemory(std::size_t bytes);
+
 /// Gives what is free in the heap back to the system. See malloc_trim(3).
 void trimHeap() noexcept;
 

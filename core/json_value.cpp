@@ -1,6 +1,7 @@
 #include "core/json_value.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace corvane {
 
@@ -95,6 +96,10 @@ const JsonValue* JsonObject::find(std::string_view key) const noexcept {
     const auto found = std::find_if(members_.rbegin(), members_.rend(),
                                     [key](const JsonMember& member) { return member.key == key; });
     return found == members_.rend() ? nullptr : &found->value;
+}
+
+JsonValue* JsonObject::find(std::string_view key) noexcept {
+    return const_cast<JsonValue*>(std::as_const(*this).find(key));
 }
 
 void JsonObject::add(std::string key, JsonValue value) {

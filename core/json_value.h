@@ -80,6 +80,8 @@ class JsonObject {
     /// The value of the last member named `key`, or null when there is none. Borrowed.
     [[nodiscard]] const JsonValue* find(std::string_view key) const noexcept;
 
+    [[nodiscard]] JsonValue* find(std::string_view key) noexcept;
+
     void add(std::string key, JsonValue value);
 
     [[nodiscard]] const std::vector<JsonMember>& members() const noexcept { return members_; }

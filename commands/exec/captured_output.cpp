@@ -78,7 +78,10 @@ std::string encodeFile(int descriptor, std::size_t size) {
         text.resize(end + base64Length(piece.size()));
         encodeBase64(piece, text.data() + end);
     });
-    return read ? text : std::string();
+    if (!read) {
+        text.clear();
+    }
+    return text;
 }
 
 /// `size` is below 2^63, but its text need not be: the first question bounds the second one.

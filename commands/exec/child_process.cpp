@@ -1,7 +1,9 @@
 #include "commands/exec/child_process.h"
 
+#include <linux/futex.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -9,6 +11,7 @@
 #include <limits.h>
 #include <optional>
 #include <string_view>
+#include <time.h>
 #include <utility>
 
 #ifdef __GLIBC__
@@ -28,6 +31,7 @@ constexpr auto cloneProcess = &__clone;
 constexpr auto cloneProcess = &::clone;
 #endif
 
+constexpr time_t startPatience = 1;  // seconds
 constexpr char shell[] = "/bin/sh";
 constexpr std::string_view defaultSearchPath = "/bin:/usr/bin";  // confstr(3), _CS_PATH
 
@@ -109,10 +113,12 @@ void ChildProcess::findCandidates() {
     }
 }
 
+bool ChildProcess::hasLeftOurMemory() noexcept {
+    return std::atomic_ref(sharing_).load(std::memory_order_acquire) == 0;
+}
+
 void ChildProcess::reserveStart() {
-    std::erase_if(starting, [](const auto& child) {
-        return std::atomic_ref(child->sharing_).load(std::memory_order_acquire) == 0;
-    });
+    std::erase_if(starting, [](const auto& child) { return child->hasLeftOurMemory(); });
     starting.reserve(starting.size() + 1);
 }
 
@@ -126,6 +132,22 @@ SystemResult<pid_t> ChildProcess::start(std::unique_ptr<ChildProcess> child) noe
     }
     starting.push_back(std::move(child));
     return pid;
+}
+
+void ChildProcess::awaitStart() noexcept {
+    timespec end{};
+    ::clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += startPatience;
+    ChildProcess& child = *starting.back();
+    while (!child.hasLeftOurMemory()) {
+        // The wake-up that goes with CLONE_CHILD_CLEARTID. See futex(2) for the absolute time.
+        const long result = ::syscall(SYS_futex, &child.sharing_, FUTEX_WAIT_BITSET, stillSharing,
+                                      &end, nullptr, FUTEX_BITSET_MATCH_ANY);
+        if (result < 0 && errno == ETIMEDOUT) {
+            return;
+        }
+    }
+    starting.pop_back();
 }
 
 }  // namespace corvane

@@ -27,21 +27,27 @@ class ChildProcess {
     /// To be completed with the streams before the start.
     ChildSetup setup;
 
-    /// Starts the child: shares the agent's memory with it until it has become its program, so that
-    /// the cost of a start does not grow with the agent, but does not wait for that, so that a
-    /// child that hangs in a dead file system holds nobody. Keeps `child` until then;
-    /// `reserveStart` must have been called. All signals must be blocked. Returns the process id or
-    /// clone(2)'s error.
-    static SystemResult<pid_t> start(std::unique_ptr<ChildProcess> child) noexcept;
-
     /// Makes room to keep one more child, and lets go of those that have become their programs or
     /// have ended.
     static void reserveStart();
 
+    /// Starts the child: shares the agent's memory with it until it has become its program, so that
+    /// the cost of a start does not grow with the agent. Keeps `child` until then; `reserveStart`
+    /// must have been called. All signals must be blocked. Returns the process id or clone(2)'s
+    /// error.
+    static SystemResult<pid_t> start(std::unique_ptr<ChildProcess> child) noexcept;
+
+    /// Waits until the child that was started last has become its program or has ended, and lets go
+    /// of it. Gives up after a second: a child may hang in a file system that does not answer.
+    static void awaitStart() noexcept;
+
  private:
     static constexpr std::size_t stackSize = 16 * 1024;
 
+    static constexpr pid_t stillSharing = 1;
+
     void findCandidates();
+    bool hasLeftOurMemory() noexcept;
 
     ExecRequest request_;
     std::vector<std::string> candidatePaths_;
@@ -50,7 +56,7 @@ class ChildProcess {
     std::vector<const char*> candidateList_;
     std::vector<const char*> shellArgumentList_;
     std::unique_ptr<std::byte[]> stack_;
-    pid_t sharing_ = 1;  ///< 0 as soon as the child has left the shared memory; set by the kernel
+    pid_t sharing_ = stillSharing;  ///< the kernel writes 0 when the child leaves our memory
 };
 
 }  // namespace corvane

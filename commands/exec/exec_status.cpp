@@ -1,15 +1,19 @@
-// The response is made first and what it tells of is released last: when memory gives out on the
-// way, the record, its files and descriptors are still there for the next poll.
+// The response is made first, the room for its line is tried out, and what it tells of is released
+// last: when memory gives out on the way, the record, its files and descriptors are still there for
+// the next poll.
 
 #include "commands/exec/exec_status.h"
 
 #include <unistd.h>
 
+#include <cstddef>
 #include <mutex>
+#include <string>
 
 #include "commands/exec/captured_output.h"
 #include "commands/exec/process_table.h"
 #include "core/arguments.h"
+#include "core/heap.h"
 #include "core/message.h"
 
 namespace corvane {
@@ -61,6 +65,17 @@ void releaseCaptureFiles(const ProcessRecord& record) noexcept {
     ::unlink(record.errPath.c_str());
 }
 
+/// About as long as the line that is made of the response later.
+std::size_t lineLength(const JsonValue& response) {
+    constexpr std::size_t besideOutput = 256;
+    std::size_t length = besideOutput;
+    for (const JsonMember& member : response.object()->find("return")->object()->members()) {
+        const std::string* text = member.value.string();
+        length += text != nullptr ? text->size() : 0;
+    }
+    return length;
+}
+
 }  // namespace
 
 JsonValue handleGuestExecStatus(const JsonObject* arguments) {
@@ -76,6 +91,7 @@ JsonValue handleGuestExecStatus(const JsonObject* arguments) {
     }
     JsonValue response = describe(*record);
     if (!record->running) {
+        requireMemory(lineLength(response));
         if (record->captureOutput) {
             releaseCaptureFiles(*record);
         }

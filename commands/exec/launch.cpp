@@ -1,8 +1,10 @@
 #include "commands/exec/launch.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <memory>
 #include <mutex>
@@ -35,12 +37,16 @@ std::optional<std::string> startTerminalRelay(const ExecRequest& request, Stream
         return "failed to openpty: " + errorText(opened.error());
     }
     PseudoTerminalPair terminal = opened.take();
-    const pid_t relay = ::fork();
+    std::array<int, 2> ends{-1, -1};
+    const bool signalled = ::pipe2(ends.data(), O_CLOEXEC) == 0;
+    const DescriptorGuard started(ends[0]);
+    streams.untilStart = DescriptorGuard(ends[1]);
+    const pid_t relay = signalled ? ::fork() : -1;
     if (relay < 0) {
         return "failed to fork pty child: " + errorText(errno);
     }
     if (relay == 0) {
-        runTerminalRelay(streams.input.borrow(), terminal.master.borrow());
+        runTerminalRelay(streams.input.borrow(), terminal.master.borrow(), started.borrow());
     }
     streams.input = std::move(terminal.slave);
     return std::nullopt;
@@ -107,6 +113,7 @@ JsonValue launch(ExecRequest request) {
     ProcessRecord& record = *entry.mapped();
     processTable.reserve(processTable.size() + 1);
     ChildProcess::reserveStart();
+    JsonValue response = makeSuccessResponse(JsonObject{{"pid", JsonNumber::fromSigned(0)}});
     // From here on nothing needs memory.
     if (captureOutput) {
         record.outFd = streams.output.release();
@@ -117,7 +124,7 @@ JsonValue launch(ExecRequest request) {
     ::sigfillset(&all);
     if (const int error = ::pthread_sigmask(SIG_SETMASK, &all, &previous)) {
         // The lock stays taken: whatever made this call fail, no child can be started safely.
-        lock.release();
+        keepProcessTableLocked(std::move(lock));
         return failure("failed to block signals: " + errorText(error));
     }
     auto started = ChildProcess::start(std::move(child));
@@ -137,9 +144,10 @@ JsonValue launch(ExecRequest request) {
     processTable.erase(pid);
     processTable.insert(std::move(entry));
     lock.unlock();
-    JsonObject result;
-    result.add("pid", JsonNumber::fromSigned(pid));
-    return makeSuccessResponse(std::move(result));
+    // What the host does next, such as resizing a terminal, is meant for the program.
+    ChildProcess::awaitStart();
+    *response.object()->find("return")->object()->find("pid") = JsonNumber::fromSigned(pid);
+    return response;
 }
 
 }  // namespace corvane

@@ -32,4 +32,7 @@ extern ProcessTable processTable;
 /// holds it until the record is stored, so that no child can be reaped before its record exists.
 extern std::mutex processTableLock;
 
+/// Leaves the lock taken for good, and lets the process exit nevertheless.
+void keepProcessTableLocked(std::unique_lock<std::mutex> lock) noexcept;
+
 }  // namespace corvane

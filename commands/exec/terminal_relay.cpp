@@ -28,14 +28,17 @@ void closeRange(unsigned first, unsigned last) noexcept {
     }
 }
 
-void closeAllBut(int one, int other) noexcept {
-    const auto low = static_cast<unsigned>(std::min(one, other));
-    const auto high = static_cast<unsigned>(std::max(one, other));
-    if (low > 0) {
-        closeRange(0, low - 1);
+void closeAllBut(std::array<int, 3> kept) noexcept {
+    std::sort(kept.begin(), kept.end());
+    unsigned next = 0;
+    for (const int descriptor : kept) {
+        const auto number = static_cast<unsigned>(descriptor);
+        if (number > next) {
+            closeRange(next, number - 1);
+        }
+        next = number + 1;
     }
-    closeRange(low + 1, high - 1);
-    closeRange(high + 1, ~0U);
+    closeRange(next, ~0U);
 }
 
 bool neverBlock(int descriptor) noexcept {
@@ -49,7 +52,8 @@ bool meansLater(int error) noexcept {
 
 void await(int descriptor, int events) noexcept {
     pollfd waited{descriptor, static_cast<short>(events), 0};
-    ::poll(&waited, 1, -1);
+    while (::poll(&waited, 1, -1) < 0 && errno == EINTR) {
+    }
 }
 
 /// One direction. At most one buffer full is on its way, and the next is read only when all of it
@@ -125,22 +129,28 @@ class Direction {
     int status_ = 0;
 };
 
-/// What to wait for on a descriptor that one direction reads and the other writes. A descriptor of
-/// which nothing is wanted at present is left out (-1): its hang-up would be reported without end.
-pollfd interestIn(int descriptor, const Direction& reading, const Direction& writing) noexcept {
-    const int events = (reading.isPending() ? 0 : POLLIN) | (writing.isPending() ? POLLOUT : 0);
-    return {events == 0 ? -1 : descriptor, static_cast<short>(events), 0};
+/// What to wait for on a descriptor that one direction reads and the other writes.
+short interestIn(const Direction& reading, const Direction& writing) noexcept {
+    return static_cast<short>((reading.isPending() ? 0 : POLLIN) |
+                              (writing.isPending() ? POLLOUT : 0));
 }
 
 /// Neither direction may wait for the other: a program whose output is not taken takes no input.
 /// Returns the exit status.
-int relay(Direction& input, Direction& output, int connection, int master) noexcept {
+int relay(Direction& input, Direction& output, int connection, int master, int patience) noexcept {
+    bool hostVanished = false;
     for (;;) {
-        std::array<pollfd, 2> waited{interestIn(connection, input, output),
-                                     interestIn(master, output, input)};
-        if (::poll(waited.data(), waited.size(), -1) < 0 && errno != EINTR) {
+        // A hang-up is reported without end: a side of which nothing is wanted is left out (-1).
+        const bool flushing = hostVanished && input.isPending();
+        const short fromMaster = interestIn(output, input);
+        std::array<pollfd, 2> waited{
+            pollfd{flushing ? -1 : connection, interestIn(input, output), 0},
+            pollfd{fromMaster == 0 ? -1 : master, fromMaster, 0}};
+        const int ready = ::poll(waited.data(), waited.size(), flushing ? patience : -1);
+        if (ready == 0 || (ready < 0 && errno != EINTR)) {
             return 0;
         }
+        hostVanished = hostVanished || (waited[0].revents & (POLLHUP | POLLERR)) != 0;
         if (!input.fill()) {
             output.finish();
             return input.status();
@@ -157,8 +167,8 @@ int relay(Direction& input, Direction& output, int connection, int master) noexc
 
 }  // namespace
 
-void runTerminalRelay(int connection, int master) noexcept {
-    closeAllBut(connection, master);
+void runTerminalRelay(int connection, int master, int started, int patience) noexcept {
+    closeAllBut({connection, master, started});
     const auto pageSize = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     if (::setsid() < 0) {
         ::_exit(cannotBegin);
@@ -169,9 +179,11 @@ void runTerminalRelay(int connection, int master) noexcept {
         ::_exit(cannotBegin);
     }
     auto* buffers = static_cast<char*>(memory);
+    await(started, POLLIN);
+    ::close(started);
     Direction input(connection, master, {buffers, pageSize});
     Direction output(master, connection, {buffers + pageSize, pageSize});
-    ::_exit(relay(input, output, connection, master));
+    ::_exit(relay(input, output, connection, master, patience));
 }
 
 }  // namespace corvane

@@ -32,7 +32,7 @@ void readControlCharacters(ArgumentReader& reader, TerminalSettings& settings) {
                         " is not a number");
             return;
         }
-        characters[index] = static_cast<std::uint8_t>(number->asUnsigned64());
+        characters[index] = static_cast<std::uint8_t>(number->asSigned8());
     }
 }
 

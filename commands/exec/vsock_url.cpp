@@ -46,17 +46,12 @@ std::int32_t readPort(urls::string_view digits) {
 /// The parser lets a path follow the port without a slash, as in "vsock://2:5000x", which the
 /// grammar does not (RFC 3986, section 3.3).
 bool isWellFormed(const urls::url_view& url) {
-    return url.encoded_path().empty() || url.encoded_path().starts_with('/') ||
-           !url.has_authority();
+    return url.encoded_path().empty() || url.encoded_path().starts_with('/');
 }
 
 }  // namespace
 
 std::optional<VsockTarget> parseVsockUrl(std::string_view text) {
-    // The parser throws where a text is longer than it can take.
-    if (text.size() > urls::url_view::max_size()) {
-        return std::nullopt;
-    }
     const auto url = urls::parse_uri({text.data(), text.size()});
     if (!url || !isWellFormed(*url) || url->scheme() != "vsock" || url->encoded_host().empty() ||
         url->port().empty()) {

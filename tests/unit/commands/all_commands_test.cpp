@@ -58,5 +58,28 @@ TEST(AllCommands, ThoseOfThreeNamesTakeNoArguments) {
     }
 }
 
+/// What a command answers when it gets an empty object.
+std::string answerToNothing(std::string_view name) {
+    for (const Command& command : allCommands) {
+        if (const auto* handler = std::get_if<ArgumentsHandler>(&command.handler);
+            handler != nullptr && command.name == name) {
+            const JsonObject none;
+            testing::internal::CaptureStderr();
+            const JsonValue response = (*handler)(&none);
+            testing::internal::GetCapturedStderr();
+            return *response.object()->find("error")->object()->find("desc")->string();
+        }
+    }
+    return "no handler";
+}
+
+TEST(AllCommands, NamesLeadToTheirHandlers) {
+    EXPECT_EQ(answerToNothing("guest-sync"), "id is not a number");
+    EXPECT_EQ(answerToNothing("guest-sync-delimited"), "id is not a number");
+    EXPECT_EQ(answerToNothing("guest-exec"), "path is not a string");
+    EXPECT_EQ(answerToNothing("guest-exec-status"), "pid is not a number");
+    EXPECT_EQ(answerToNothing("mirel-guest-signal-pid"), "signal is not a number");
+}
+
 }  // namespace
 }  // namespace corvane

@@ -1,7 +1,10 @@
 #include "core/heap.h"
 
 #include <cstdint>
+#include <fstream>
 #include <limits>
+#include <new>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -20,6 +23,47 @@ TEST(Heap, MemoryDoesNotSufficeForWhatNoMachineHas) {
     for (const std::uint64_t bytes : {std::uint64_t{1} << 50U, std::uint64_t{1} << 63U, largest}) {
         EXPECT_FALSE(memorySuffices(bytes)) << bytes;
     }
+}
+
+/// A number of the file /proc/meminfo, in bytes.
+std::uint64_t memoryOf(const std::string& name) {
+    std::ifstream file("/proc/meminfo");
+    for (std::string word; file >> word;) {
+        if (word == name + ":") {
+            std::uint64_t kilobytes = 0;
+            file >> kilobytes;
+            return kilobytes * 1024;
+        }
+    }
+    return 0;
+}
+
+TEST(Heap, AnEighthOfTheAvailableMemoryIsLeftToOthers) {
+    const std::uint64_t available = memoryOf("MemAvailable");
+    EXPECT_TRUE(memorySuffices(available / 4 * 3));
+    EXPECT_FALSE(memorySuffices(available / 16 * 15));
+}
+
+/// This process's address space in bytes. See proc(5), /proc/PID/statm.
+std::uint64_t addressSpace() {
+    std::uint64_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages * 4096;
+}
+
+TEST(Heap, TheQuestionItselfTakesNothing) {
+    constexpr std::uint64_t asked = std::uint64_t{64} << 20U;
+    ASSERT_TRUE(memorySuffices(asked));
+    const std::uint64_t before = addressSpace();
+    for (int count = 0; count < 20; ++count) {
+        EXPECT_TRUE(memorySuffices(asked));
+    }
+    EXPECT_LT(addressSpace(), before + 10 * asked);
+}
+
+TEST(Heap, RequiredMemoryThatCannotBeHadIsAnException) {
+    requireMemory(largeMessage);
+    EXPECT_THROW(requireMemory(std::size_t{1} << 62U), std::bad_alloc);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <mutex>
 #include <string>
 
@@ -95,6 +96,15 @@ TEST_F(LaunchFailure, SignalsThatCannotBeBlockedAreSaidAndTheLockStaysTaken) {
                    "failed to block signals: Invalid argument" &&
                !lockIsFree();
     });
+}
+
+TEST_F(LaunchFailure, AgentWhoseLockStaysTakenCanStillExit) {
+    EXPECT_EQ(exitStatusOf([] {
+                  forbidSystemCall(SYS_rt_sigprocmask, EINVAL, SIG_SETMASK);
+                  errorOf(launch(shellCommand("true")));
+                  std::exit(7);
+              }),
+              7);
 }
 
 TEST_F(LaunchFailure, TerminalThatCannotBeMadeIsSaid) {

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -185,7 +186,7 @@ char stateOf(pid_t pid) {
 }
 
 /// A host that has sent more than the program reads, and has vanished: the hang-up is reported for
-/// as long as the relay asks for it.
+/// as long as the relay asks for it. The relay has patience.
 TEST_F(TerminalRelay, SleepsWhileTheProgramDoesNotReadWhatAVanishedHostHasSent) {
     const pid_t pid = start("stty raw -echo; echo ready; exec sleep 1000");
     readUntil("ready\n");
@@ -206,6 +207,26 @@ TEST_F(TerminalRelay, SleepsWhileTheProgramDoesNotReadWhatAVanishedHostHasSent) 
     EXPECT_TRUE(allChildrenEnd());
 }
 
+TEST_F(TerminalRelay, HangUpRightAfterTheAnswerReachesTheProgram) {
+    for (int round = 0; round < 50; ++round) {
+        const pid_t pid = start("exec sleep 1000");
+        hangUp();
+        EXPECT_EQ(endOf(pid).status & 0x7f, SIGHUP);
+        EXPECT_TRUE(allChildrenEnd());
+    }
+}
+
+TEST_F(TerminalRelay, ResizeRightAfterTheAnswerReachesTheTerminal) {
+    for (int round = 0; round < 50; ++round) {
+        const pid_t pid = start("exec sleep 1000");
+        const std::string input = "/proc/" + std::to_string(pid) + "/fd/0";
+        EXPECT_EQ(std::filesystem::read_symlink(input).string().substr(0, 9), "/dev/pts/");
+        hangUp();
+        endOf(pid);
+        EXPECT_TRUE(allChildrenEnd());
+    }
+}
+
 TEST_F(TerminalRelay, HoldsNothingOfTheAgentsOpen) {
     std::array<int, 2> ends{};
     ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
@@ -221,18 +242,18 @@ TEST_F(TerminalRelay, HoldsNothingOfTheAgentsOpen) {
 
 TEST_F(TerminalRelay, LeadsASessionOfItsOwn) {
     const pid_t pid = start("exec sleep 1000");
-    // The relay is the one other child.
+    const pid_t relay = childBeside(pid);
+    while (stateOf(relay) != 'S') {
+    }
+    EXPECT_EQ(::getsid(relay), relay);
     ::kill(pid, SIGKILL);
     endOf(pid);
-    siginfo_t info{};
-    ASSERT_EQ(::waitid(P_ALL, 0, &info, WEXITED | WNOWAIT), 0);
-    EXPECT_EQ(::getsid(info.si_pid), info.si_pid);
     EXPECT_TRUE(allChildrenEnd());
 }
 
 /// Runs the relay alone between two socketpairs; gives the far ends.
 struct BareRelay {
-    BareRelay() {
+    explicit BareRelay(int patience = -1) {
         std::array<int, 2> left{};
         std::array<int, 2> right{};
         if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, left.data()) != 0 ||
@@ -241,7 +262,7 @@ struct BareRelay {
         }
         pid = ::fork();
         if (pid == 0) {
-            runTerminalRelay(left[1], right[1]);
+            runTerminalRelay(left[1], right[1], ::open("/dev/null", O_RDONLY), patience);
         }
         ::close(left[1]);
         ::close(right[1]);
@@ -303,11 +324,60 @@ TEST(BareTerminalRelay, FailedWriteIsItsExitStatus) {
     EXPECT_EQ(other.exitStatus(), EPIPE);
 }
 
+/// Sends until nothing more goes in.
+void fill(int descriptor) {
+    const std::string piece(4096, 'x');
+    while (::send(descriptor, piece.data(), piece.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+    }
+}
+
+TEST(BareTerminalRelay, GivesAVanishedHostUpWhenTheTerminalTakesNothingForAsLongAsItsPatience) {
+    BareRelay relay(50);
+    fill(relay.host.borrow());
+    relay.host.closeNow();
+    EXPECT_EQ(relay.exitStatus(), 0) << "though the program's end is open";
+}
+
+TEST(BareTerminalRelay, WaitsForTheProgramWithoutLimitWhileTheHostIsThere) {
+    BareRelay relay(0);
+    fill(relay.host.borrow());
+    ::shutdown(relay.host.borrow(), SHUT_WR);  // it still listens
+    ASSERT_EQ(::write(relay.program.borrow(), "out", 3), 3);
+    std::array<char, 4> text{};
+    EXPECT_EQ(::read(relay.host.borrow(), text.data(), 3), 3);
+    relay.program.closeNow();
+    EXPECT_EQ(relay.exitStatus(), EPIPE);
+}
+
+TEST(BareTerminalRelay, BeginsWhenTheProgramHasStarted) {
+    std::array<int, 2> started{};
+    std::array<int, 2> left{};
+    std::array<int, 2> right{};
+    ASSERT_EQ(::pipe2(started.data(), O_CLOEXEC), 0);
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, left.data()), 0);
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, right.data()), 0);
+    ::close(left[0]);  // the host has vanished
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        runTerminalRelay(left[1], right[1], started[0]);
+    }
+    ::close(left[1]);
+    ::close(right[1]);
+    while (stateOf(pid) != 'S') {
+    }
+    EXPECT_EQ(::waitpid(pid, nullptr, WNOHANG), 0);
+    for (const int descriptor : started) {
+        ::close(descriptor);
+    }
+    EXPECT_EQ(::waitpid(pid, nullptr, 0), pid);
+    ::close(right[0]);
+}
+
 TEST(BareTerminalRelay, ThatCannotLeadASessionEndsWithStatus255) {
     const pid_t pid = ::fork();
     if (pid == 0) {
         ::setsid();  // once more is refused
-        runTerminalRelay(0, 1);
+        runTerminalRelay(0, 1, 2);
     }
     int status = 0;
     ::waitpid(pid, &status, 0);

@@ -43,6 +43,7 @@ TEST(VsockUrl, ContextIdIsTheNumberThatTheHostBeginsWith) {
         {"[::1]", 0},
         {"%32", 2},
         {"%20%092", 2},
+        {"%0a%0b%0c%0d2", 2},
         {"2%003", 2},
         {"%C3%A9", 0},
     };
