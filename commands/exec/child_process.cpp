@@ -1,17 +1,14 @@
 #include "commands/exec/child_process.h"
 
-#include <linux/futex.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <limits.h>
 #include <optional>
 #include <string_view>
-#include <time.h>
 #include <utility>
 
 #ifdef __GLIBC__
@@ -31,7 +28,7 @@ constexpr auto cloneProcess = &__clone;
 constexpr auto cloneProcess = &::clone;
 #endif
 
-constexpr time_t startPatience = 1;  // seconds
+constexpr int startPatience = 1000;  // milliseconds
 constexpr char shell[] = "/bin/sh";
 constexpr std::string_view defaultSearchPath = "/bin:/usr/bin";  // confstr(3), _CS_PATH
 
@@ -89,14 +86,11 @@ ChildProcess::ChildProcess(ExecRequest request)
 }
 
 /// As execvp(3) of the C library tries them: an empty element of PATH is the current directory, and
-/// names that are too long are passed over.
+/// elements that are too long are passed over.
 void ChildProcess::findCandidates() {
     const std::string_view name = request_.path.c_str();
     if (name.find('/') != std::string_view::npos) {
         candidatePaths_.emplace_back(name);
-        return;
-    }
-    if (name.empty() || name.size() > NAME_MAX) {
         return;
     }
     std::string_view rest = searchPathOf(setup.environment).value_or(defaultSearchPath);
@@ -113,20 +107,21 @@ void ChildProcess::findCandidates() {
     }
 }
 
-bool ChildProcess::hasLeftOurMemory() noexcept {
-    return std::atomic_ref(sharing_).load(std::memory_order_acquire) == 0;
+/// Waits `patience` milliseconds for it.
+bool ChildProcess::hasStarted(int patience) const noexcept {
+    pollfd waited{started.borrow(), POLLIN, 0};
+    return ::poll(&waited, 1, patience) == 1;
 }
 
 void ChildProcess::reserveStart() {
-    std::erase_if(starting, [](const auto& child) { return child->hasLeftOurMemory(); });
+    std::erase_if(starting, [](const auto& child) { return child->hasStarted(0); });
     starting.reserve(starting.size() + 1);
 }
 
 SystemResult<pid_t> ChildProcess::start(std::unique_ptr<ChildProcess> child) noexcept {
-    // CLONE_CHILD_CLEARTID: the kernel clears `sharing_` when the child lets go of our memory.
+    const bool keepsIdentity = !child->request_.user && !child->request_.group;
     const pid_t pid = cloneProcess(runChild, child->stack_.get() + stackSize,
-                                   CLONE_VM | CLONE_CHILD_CLEARTID | SIGCHLD, &child->setup,
-                                   nullptr, nullptr, &child->sharing_);
+                                   (keepsIdentity ? CLONE_VM : 0) | SIGCHLD, &child->setup);
     if (pid < 0) {
         return SystemError{errno};
     }
@@ -135,19 +130,9 @@ SystemResult<pid_t> ChildProcess::start(std::unique_ptr<ChildProcess> child) noe
 }
 
 void ChildProcess::awaitStart() noexcept {
-    timespec end{};
-    ::clock_gettime(CLOCK_MONOTONIC, &end);
-    end.tv_sec += startPatience;
-    ChildProcess& child = *starting.back();
-    while (!child.hasLeftOurMemory()) {
-        // The wake-up that goes with CLONE_CHILD_CLEARTID. See futex(2) for the absolute time.
-        const long result = ::syscall(SYS_futex, &child.sharing_, FUTEX_WAIT_BITSET, stillSharing,
-                                      &end, nullptr, FUTEX_BITSET_MATCH_ANY);
-        if (result < 0 && errno == ETIMEDOUT) {
-            return;
-        }
+    if (starting.back()->hasStarted(startPatience)) {
+        starting.pop_back();
     }
-    starting.pop_back();
 }
 
 }  // namespace corvane

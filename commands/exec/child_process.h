@@ -9,6 +9,7 @@
 
 #include "commands/exec/child_setup.h"
 #include "commands/exec/exec_request.h"
+#include "core/descriptor_guard.h"
 #include "core/system_result.h"
 
 namespace corvane {
@@ -27,14 +28,18 @@ class ChildProcess {
     /// To be completed with the streams before the start.
     ChildSetup setup;
 
+    /// The read end of a pipe whose write end is `setup.untilStart`: at its end of input the child
+    /// has left our memory.
+    DescriptorGuard started;
+
     /// Makes room to keep one more child, and lets go of those that have become their programs or
     /// have ended.
     static void reserveStart();
 
-    /// Starts the child: shares the agent's memory with it until it has become its program, so that
-    /// the cost of a start does not grow with the agent. Keeps `child` until then; `reserveStart`
-    /// must have been called. All signals must be blocked. Returns the process id or clone(2)'s
-    /// error.
+    /// Starts the child. It shares the agent's memory until it has become its program, so that the
+    /// cost of a start does not grow with the agent; one that takes another identity has a memory
+    /// of its own. Keeps `child`; `reserveStart` must have been called. All signals must be
+    /// blocked. Returns the process id or clone(2)'s error.
     static SystemResult<pid_t> start(std::unique_ptr<ChildProcess> child) noexcept;
 
     /// Waits until the child that was started last has become its program or has ended, and lets go
@@ -44,10 +49,8 @@ class ChildProcess {
  private:
     static constexpr std::size_t stackSize = 16 * 1024;
 
-    static constexpr pid_t stillSharing = 1;
-
     void findCandidates();
-    bool hasLeftOurMemory() noexcept;
+    bool hasStarted(int patience) const noexcept;
 
     ExecRequest request_;
     std::vector<std::string> candidatePaths_;
@@ -56,7 +59,6 @@ class ChildProcess {
     std::vector<const char*> candidateList_;
     std::vector<const char*> shellArgumentList_;
     std::unique_ptr<std::byte[]> stack_;
-    pid_t sharing_ = stillSharing;  ///< the kernel writes 0 when the child leaves our memory
 };
 
 }  // namespace corvane

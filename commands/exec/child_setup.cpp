@@ -1,13 +1,13 @@
 #include "commands/exec/child_setup.h"
 
 #include <fcntl.h>
-#include <linux/close_range.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
 
 #include <cerrno>
 
+#include "commands/exec/close_descriptors.h"
 #include "commands/exec/system_call.h"
 
 namespace corvane {
@@ -18,7 +18,9 @@ constexpr int highestSignal = 64;  // signal(7), the last real-time signal
 constexpr long signalSetSize = 8;  // bytes, as the kernel has it: rt_sigaction(2)
 
 /// The kernel's struct sigaction, which no header shares; the default action is all zeros.
-using KernelAction = std::array<unsigned long, 8>;
+struct KernelAction {
+    unsigned long words[8];  // NOLINT: no code of the library's may run here
+};
 
 [[noreturn]] void fail() noexcept {
     for (;;) {
@@ -32,18 +34,23 @@ void require(long result) noexcept {
     }
 }
 
-void duplicate(int from, int to) noexcept {
-    if (from == to) {
-        systemCall(SYS_fcntl, to, F_SETFD, 0);
-    } else {
-        systemCall(SYS_dup3, from, to, 0);
-    }
+void takeStandardStreams(const ChildSetup& setup) noexcept {
+    systemCall(SYS_dup3, setup.standardInput, 0, 0);
+    systemCall(SYS_dup3, setup.standardOutput, 1, 0);
+    systemCall(SYS_dup3, setup.standardError, 2, 0);
 }
 
-void takeStandardStreams(const ChildSetup& setup) noexcept {
-    duplicate(setup.standardInput, 0);
-    duplicate(setup.standardOutput, 1);
-    duplicate(setup.standardError, 2);
+/// The agent's descriptors are close-on-exec from birth, but the child may hang before that: then
+/// it must not keep the channel, or a file that the host has closed. And a library, or whoever
+/// started the agent, may have left others open.
+void keepOnlyGrantedDescriptors(const ChildSetup& setup) noexcept {
+    int held[3] = {setup.kept[0], setup.kept[1], setup.untilStart};  // NOLINT
+    closeAllBut(held, 3);
+    for (const int descriptor : setup.kept) {
+        if (descriptor >= 0) {
+            systemCall(SYS_fcntl, descriptor, F_SETFD, 0);
+        }
+    }
 }
 
 void enterWorkingDirectory(const ChildSetup& setup) noexcept {
@@ -84,20 +91,9 @@ void unblockSignals() noexcept {
 
 /// A session of its own, with the terminal that its output goes to, if it is one, as the
 /// controlling terminal.
-void startSession(const ChildSetup& setup) noexcept {
+void startSession() noexcept {
     require(systemCall(SYS_setsid));
-    systemCall(SYS_ioctl, setup.standardOutput, TIOCSCTTY, 0);
-}
-
-/// The agent's descriptors are close-on-exec from birth. This holds for those, too, that a library
-/// or whoever started the agent has left open.
-void keepOnlyGrantedDescriptors(const ChildSetup& setup) noexcept {
-    systemCall(SYS_close_range, 3, ~0U, CLOSE_RANGE_CLOEXEC);
-    for (const int descriptor : setup.kept) {
-        if (descriptor > 2) {
-            systemCall(SYS_fcntl, descriptor, F_SETFD, 0);
-        }
-    }
+    systemCall(SYS_ioctl, 1, TIOCSCTTY, 0);
 }
 
 /// Whether the search goes on after a candidate that failed so. See exec(3), execvp.
@@ -136,12 +132,12 @@ void becomeProgram(const ChildSetup& setup) noexcept {
 int runChild(void* given) noexcept {
     const ChildSetup& setup = *static_cast<const ChildSetup*>(given);
     takeStandardStreams(setup);
+    keepOnlyGrantedDescriptors(setup);
     enterWorkingDirectory(setup);
     takeIdentity(setup);
     resetSignals();
     unblockSignals();
-    startSession(setup);
-    keepOnlyGrantedDescriptors(setup);
+    startSession();
     becomeProgram(setup);
     fail();
 }

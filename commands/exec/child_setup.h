@@ -2,8 +2,6 @@
 
 #include <sys/types.h>
 
-#include <array>
-
 namespace corvane {
 
 /// What a child does between its start and its program. Everything is borrowed and must stay until
@@ -13,7 +11,8 @@ struct ChildSetup {
     int standardOutput = -1;
     int standardError = -1;
     /// Descriptors that the program gets beside its standard ones; -1 for none.
-    std::array<int, 2> kept{-1, -1};
+    int kept[2] = {-1, -1};  // NOLINT: no code of the library's may run in the child
+    int untilStart = -1;     ///< stays open until the child has become its program
     const char* workingDirectory = nullptr;   ///< null: stays where it is
     const gid_t* group = nullptr;             ///< null: keeps ours
     const uid_t* user = nullptr;              ///< null: keeps ours
@@ -32,9 +31,9 @@ inline constexpr int startFailed = 255;
 /// `given` says and becomes the program. Ends with `startFailed` when that fails. All signals must
 /// be blocked.
 ///
-/// Runs in a process that shares its memory, the calling thread's errno included, with the agent:
-/// makes bare system calls only, touches nothing but the setup and its own stack, and needs neither
-/// memory nor a lock.
+/// May run in a process that shares its memory, the calling thread's errno included, with the
+/// agent: makes bare system calls only, touches nothing but the setup and its own stack, and needs
+/// neither memory nor a lock.
 int runChild(void* given) noexcept;
 
 }  // namespace corvane

@@ -29,24 +29,36 @@ JsonValue failure(std::string description) {
     return makeErrorResponse(genericError, std::move(description));
 }
 
+/// A pipe whose write end nobody has any more when the program has started: whoever holds the read
+/// end then finds its end.
+struct StartSignal {
+    DescriptorGuard started;
+    DescriptorGuard untilStart;
+};
+
+SystemResult<StartSignal> makeStartSignal() {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+        return SystemError{errno};
+    }
+    return StartSignal{DescriptorGuard(ends[0]), DescriptorGuard(ends[1])};
+}
+
 /// Puts a new terminal between the connection and the program: a relay process gets the connection
 /// and the terminal's master end, the program its slave end. Returns why that failed.
-std::optional<std::string> startTerminalRelay(const ExecRequest& request, Streams& streams) {
+std::optional<std::string> startTerminalRelay(const ExecRequest& request, const StartSignal& signal,
+                                              Streams& streams) {
     auto opened = platform().terminals.openPair(*request.terminalSettings, *request.windowSize);
     if (!opened.ok()) {
         return "failed to openpty: " + errorText(opened.error());
     }
     PseudoTerminalPair terminal = opened.take();
-    std::array<int, 2> ends{-1, -1};
-    const bool signalled = ::pipe2(ends.data(), O_CLOEXEC) == 0;
-    const DescriptorGuard started(ends[0]);
-    streams.untilStart = DescriptorGuard(ends[1]);
-    const pid_t relay = signalled ? ::fork() : -1;
+    const pid_t relay = ::fork();
     if (relay < 0) {
         return "failed to fork pty child: " + errorText(errno);
     }
     if (relay == 0) {
-        runTerminalRelay(streams.input.borrow(), terminal.master.borrow(), started.borrow());
+        runTerminalRelay(streams.input.borrow(), terminal.master.borrow(), signal.started.borrow());
     }
     streams.input = std::move(terminal.slave);
     return std::nullopt;
@@ -61,7 +73,8 @@ void lendStreams(const Streams& streams, bool captureOutput, ChildSetup& setup) 
     setup.standardOutput = orInput(streams.output);
     setup.standardError = orInput(streams.error);
     if (captureOutput) {
-        setup.kept = {setup.standardOutput, setup.standardError};
+        setup.kept[0] = setup.standardOutput;
+        setup.kept[1] = setup.standardError;
     }
 }
 
@@ -97,8 +110,13 @@ JsonValue launch(ExecRequest request) {
     if (auto reason = openStreams(request, streams)) {
         return failure(std::move(*reason));
     }
+    auto made = makeStartSignal();
+    if (!made.ok()) {
+        return failure("failed to fork child: " + errorText(made.error()));
+    }
+    StartSignal signal = made.take();
     if (request.vsockTarget && request.terminalSettings && request.windowSize) {
-        if (auto reason = startTerminalRelay(request, streams)) {
+        if (auto reason = startTerminalRelay(request, signal, streams)) {
             return failure(std::move(*reason));
         }
     }
@@ -109,6 +127,8 @@ JsonValue launch(ExecRequest request) {
     std::unique_lock lock(processTableLock);
     auto child = std::make_unique<ChildProcess>(std::move(request));
     lendStreams(streams, captureOutput, child->setup);
+    child->setup.untilStart = signal.untilStart.borrow();
+    child->started = std::move(signal.started);
     auto entry = makeEntry(captureOutput, streams);
     ProcessRecord& record = *entry.mapped();
     processTable.reserve(processTable.size() + 1);
@@ -129,6 +149,7 @@ JsonValue launch(ExecRequest request) {
     }
     auto started = ChildProcess::start(std::move(child));
     ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    signal.untilStart.closeNow();
     if (!started.ok()) {
         return failure("failed to fork child: " + errorText(started.error()));
     }

@@ -16,7 +16,6 @@ struct Streams {
     DescriptorGuard output;
     DescriptorGuard error;
     DescriptorGuard inputWriteEnd;  ///< where the request's input data goes
-    DescriptorGuard untilStart;     ///< closes in the child when it becomes its program
     std::string outPath;            ///< of the capture files; empty without capture
     std::string errPath;
     bool inputServesAll = false;  ///< `input` is standard output and standard error, too

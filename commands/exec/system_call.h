@@ -5,8 +5,8 @@ namespace corvane {
 /// A system call without the C library around it: no errno, which the caller may share with another
 /// thread, and no cancellation point. Numbers from <sys/syscall.h>, see syscall(2). Returns the
 /// result, or the negated errno value. Any thread, and between clone(2) and execve(2).
-inline long systemCall(long number, long first = 0, long second = 0, long third = 0,
-                       long fourth = 0) noexcept {
+[[gnu::always_inline]] inline long systemCall(long number, long first = 0, long second = 0,
+                                              long third = 0, long fourth = 0) noexcept {
 #if defined(__x86_64__) && defined(__LP64__)
     long result = number;
     asm volatile(
@@ -37,7 +37,7 @@ inline long systemCall(long number, long first = 0, long second = 0, long third 
 
 /// The same for arguments that are addresses.
 template <typename T>
-long asArgument(T* address) noexcept {
+[[gnu::always_inline]] inline long asArgument(T* address) noexcept {
     return reinterpret_cast<long>(address);
 }
 

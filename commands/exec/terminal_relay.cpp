@@ -3,43 +3,19 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <span>
+
+#include "commands/exec/close_descriptors.h"
 
 namespace corvane {
 
 namespace {
 
 constexpr int cannotBegin = 255;
-
-void closeRange(unsigned first, unsigned last) noexcept {
-    if (first > last || ::syscall(SYS_close_range, first, last, 0) == 0) {
-        return;
-    }
-    // Kernels before 5.9.
-    const auto end = static_cast<unsigned>(std::max(::sysconf(_SC_OPEN_MAX), 0L));
-    for (unsigned descriptor = first; descriptor < end && descriptor <= last; ++descriptor) {
-        ::close(static_cast<int>(descriptor));
-    }
-}
-
-void closeAllBut(std::array<int, 3> kept) noexcept {
-    std::sort(kept.begin(), kept.end());
-    unsigned next = 0;
-    for (const int descriptor : kept) {
-        const auto number = static_cast<unsigned>(descriptor);
-        if (number > next) {
-            closeRange(next, number - 1);
-        }
-        next = number + 1;
-    }
-    closeRange(next, ~0U);
-}
 
 bool neverBlock(int descriptor) noexcept {
     const int flags = ::fcntl(descriptor, F_GETFL);
@@ -150,13 +126,17 @@ int relay(Direction& input, Direction& output, int connection, int master, int p
         if (ready == 0 || (ready < 0 && errno != EINTR)) {
             return 0;
         }
+        if ((waited[1].revents & POLLHUP) != 0) {
+            output.drain();  // the program has ended: what it wrote last still counts
+            return output.status();
+        }
         hostVanished = hostVanished || (waited[0].revents & (POLLHUP | POLLERR)) != 0;
         if (!input.fill()) {
             output.finish();
             return input.status();
         }
         if (!input.flush()) {
-            output.drain();  // the program has ended: what it wrote last still counts
+            output.drain();
             return input.status();
         }
         if (!output.fill() || !output.flush()) {
@@ -168,7 +148,8 @@ int relay(Direction& input, Direction& output, int connection, int master, int p
 }  // namespace
 
 void runTerminalRelay(int connection, int master, int started, int patience) noexcept {
-    closeAllBut({connection, master, started});
+    int kept[3] = {connection, master, started};  // NOLINT: as it is taken
+    closeAllBut(kept, 0);
     const auto pageSize = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     if (::setsid() < 0) {
         ::_exit(cannotBegin);

@@ -1,12 +1,10 @@
 #include "platform/linux/linux_private_directory.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <utility>
 
-#include "core/descriptor_guard.h"
 #include "platform/linux/interrupted_call.h"
 
 namespace corvane {
@@ -15,14 +13,15 @@ namespace {
 constexpr mode_t onlyTheOwner = S_IRWXU;
 constexpr mode_t anybodyElse = S_IRWXG | S_IRWXO;
 
-/// Returns 0 or an errno value.
+/// Returns 0 or an errno value. Needs no descriptor, of which there may be none left: the file that
+/// is opened next says so by its name.
 int whyNotPrivate(const std::string& path, uid_t user) {
-    // What is checked is what was opened: nothing can be put in its place in between.
-    const DescriptorGuard directory(untilUninterrupted(
-        [&] { return ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
     struct stat status {};
-    if (directory.empty() || ::fstat(directory.borrow(), &status) != 0) {
+    if (untilUninterrupted([&] { return ::lstat(path.c_str(), &status); }) != 0) {
         return errno;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        return ENOTDIR;
     }
     return status.st_uid == user && (status.st_mode & anybodyElse) == 0 ? 0 : EPERM;
 }
@@ -61,7 +60,7 @@ std::string LinuxPrivateDirectory::directoryOfTheEnvironment() const {
             return path.empty() ? "/" : path;
         }
     }
-    return "";  // which open(2) calls ENOENT
+    return "";  // which lstat(2) calls ENOENT
 }
 
 }  // namespace corvane

@@ -218,6 +218,23 @@ TEST_F(ExecLife, RecordOfAnEndedProgramIsReplacedByTheNextOneWithItsId) {
     }
 }
 
+TEST_F(ExecLife, ReplacedRecordLeavesItsCaptureFilesOpen) {
+    const std::string skipped = withOwnProcessIds([] {
+        const std::size_t before = countDescriptors();
+        for (int count = 0; count < 2; ++count) {
+            ExecRequest request = shellCommand("true");
+            request.captureOutput = true;
+            chooseNextPid(500);
+            awaitEnd(pidOf(launch(std::move(request))));
+            drainEndedChildren();
+        }
+        return countDescriptors() == before + 4;
+    });
+    if (!skipped.empty()) {
+        GTEST_SKIP() << skipped;
+    }
+}
+
 TEST_F(ExecLife, StatusOfAnEndedProgramSurvivesAnotherChildWithItsId) {
     const std::string skipped = withOwnProcessIds([] {
         chooseNextPid(500);

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -159,11 +160,36 @@ TEST_F(LaunchChild, UserAndGroupAreChangedEachByItself) {
     EXPECT_EQ(::geteuid(), 0U) << "the agent stays what it is";
 }
 
+TEST_F(LaunchChild, WorkingDirectoryIsEnteredBeforeTheIdentityChanges) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root may";
+    }
+    ExecRequest request = shellCommand("exit 5");
+    request.user = 12;
+    request.group = 7;
+    request.workingDirectory = scratch();  // where only root may go
+    EXPECT_EQ(run(request).status, 5 << 8);
+}
+
+/// What is shared with a program of another user could be changed by him.
+TEST_F(LaunchChild, ChildWithAnotherIdentityDoesNotShareOurMemory) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root may";
+    }
+    ExecRequest request = shellCommand("true");
+    request.user = 12;
+    EXPECT_EQ(run(request).status, 0);
+    EXPECT_EQ(::prctl(PR_GET_DUMPABLE), 1) << "the kernel changes that with the identity";
+}
+
 TEST_F(LaunchChild, SupplementaryGroupsStay) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root may";
+    }
     EXPECT_EQ(exitStatusOf([] {
                   const std::vector<gid_t> groups{3, 5};
-                  if (::geteuid() != 0 || ::setgroups(groups.size(), groups.data()) != 0) {
-                      ::_exit(0);
+                  if (::setgroups(groups.size(), groups.data()) != 0) {
+                      ::_exit(1);
                   }
                   ExecRequest request = shellCommand(
                       "awk '/^Groups/ {print $2,$3,$4}' "
@@ -213,6 +239,25 @@ TEST_F(LaunchChild, ProgramLeadsASessionOfItsOwn) {
     const ProgramEnd end = run(shellCommand("cut -d ' ' -f 1,5,6 /proc/$$/stat"));
     std::string expected = end.out.substr(0, end.out.find(' '));
     EXPECT_EQ(end.out, expected + " " + expected + " " + expected + "\n");
+}
+
+/// The agent leads a session without a terminal, as a service does.
+TEST_F(LaunchChild, TerminalsThatAreStreamsDoNotBecomeOurOwn) {
+    EXPECT_EQ(exitStatusOf([this] {
+                  ::setsid();
+                  auto terminal = platform_.terminals.openPair({}, {}).take();
+                  const std::string path =
+                      "/proc/self/fd/" + std::to_string(terminal.slave.borrow());
+                  for (int stream = 0; stream < 3; ++stream) {
+                      ExecRequest request = shellCommand("true");
+                      (stream == 0   ? request.stdinPath
+                       : stream == 1 ? request.stdoutPath
+                                     : request.stderrPath) = path;
+                      endOf(pidOf(launch(request)));
+                  }
+                  ::_exit(::open("/dev/tty", O_RDWR) < 0 && errno == ENXIO ? 0 : 1);
+              }),
+              0);
 }
 
 /// The numbers that tests/helpers/list_descriptors prints.

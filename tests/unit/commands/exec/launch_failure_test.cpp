@@ -1,9 +1,12 @@
 // Starts that fail, and children that hang before they have become their programs.
 
+#include <fcntl.h>
 #include <linux/seccomp.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -126,6 +129,23 @@ TEST_F(LaunchFailure, RelayThatCannotBeForkedIsSaid) {
     });
 }
 
+TEST_F(LaunchFailure, RelayEndsWhenItsProgramCannotBeForked) {
+    expectInAChild([this] {
+        forbidSystemCall(SYS_clone, EAGAIN, CLONE_VM | SIGCHLD);
+        const std::string error = errorOf(launch(onATerminal()));
+        while (::waitpid(-1, nullptr, 0) > 0) {
+        }
+        return error == "failed to fork child: Resource temporarily unavailable" && errno == ECHILD;
+    });
+}
+
+TEST_F(LaunchFailure, ChildThatCannotLeadASessionEndsWithStatus255) {
+    expectInAChild([] {
+        forbidSystemCall(SYS_setsid, EPERM);
+        return run(shellCommand("true")).status == 255 << 8;
+    });
+}
+
 /// Makes every chdir(2) of this process and its children wait until it is answered through the
 /// descriptor that this returns. See seccomp_unotify(2).
 DescriptorGuard holdDirectoryChanges() {
@@ -155,9 +175,10 @@ bool letOneGo(int listener) {
 
 TEST_F(LaunchFailure, ChildThatHangsOnItsWayHoldsNobody) {
     expectInAChild([] {
+        std::array<int, 2> ends{};
         const DescriptorGuard listener = holdDirectoryChanges();
-        if (listener.empty()) {
-            return true;  // a kernel before 5.0
+        if (listener.empty() || ::pipe2(ends.data(), O_CLOEXEC) != 0) {
+            return false;
         }
         ExecRequest hanging = shellCommand("exit 8");
         hanging.workingDirectory = "/";
@@ -169,7 +190,11 @@ TEST_F(LaunchFailure, ChildThatHangsOnItsWayHoldsNobody) {
                 return false;
             }
         }
-        return letOneGo(listener.borrow()) && letOneGo(listener.borrow()) &&
+        // And nothing of the agent's stays open in the hanging ones.
+        ::close(ends[1]);
+        char byte = 0;
+        const bool closed = ::read(ends[0], &byte, 1) == 0;
+        return closed && letOneGo(listener.borrow()) && letOneGo(listener.borrow()) &&
                endOf(first).status == 8 << 8 && endOf(second).status == 8 << 8;
     });
 }

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -157,6 +158,34 @@ TEST_F(LaunchStreams, InputDataIsReadToItsEndWhateverItsSize) {
         request.inputData = data;
         EXPECT_TRUE(run(request).out == data) << size;
     }
+}
+
+/// So that the program's end cannot be reaped before its record is stored.
+TEST_F(LaunchStreams, LockIsHeldUntilTheInputIsWrittenAndTheRecordStored) {
+    ASSERT_EQ(::mkfifo(scratch("gate").c_str(), 0600), 0);
+    ExecRequest request = shellCommand("read line <" + scratch("gate") + "; exec cat");
+    request.inputData = std::string(1 << 20, 'x');
+    request.captureOutput = true;
+    pid_t pid = -1;
+    std::thread launching([&] { pid = pidOf(launch(request)); });
+    DescriptorGuard gate(::open(scratch("gate").c_str(), O_WRONLY | O_CLOEXEC));
+    EXPECT_FALSE(processTableLock.try_lock());
+    gate.closeNow();
+    launching.join();
+    EXPECT_TRUE(processTableLock.try_lock());
+    processTableLock.unlock();
+    EXPECT_EQ(processTable.at(pid)->pid, pid);
+    EXPECT_EQ(endOf(pid).out.size(), request.inputData->size());
+}
+
+TEST_F(LaunchStreams, OutputPathThatHasVanishedIsMadeForUsAlone) {
+    ExecRequest request = shellCommand("echo new");
+    request.stdoutPath = scratch("new");
+    endOf(pidOf(launch(request)));
+    EXPECT_EQ(contentOf(scratch("new")), "new\n");
+    struct stat status {};
+    ::stat(scratch("new").c_str(), &status);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
 }
 
 TEST_F(LaunchStreams, ProgramThatEndsWithoutReadingItsInputHoldsNobody) {

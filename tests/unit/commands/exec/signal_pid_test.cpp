@@ -229,7 +229,9 @@ TEST_F(SignalPid, BooleanIsANumber) {
     EXPECT_EQ(answerTo(R"({"signal":false,"pid":)" + std::to_string(child.pid()) + "}"), success);
     EXPECT_EQ(answerTo(R"({"signal":true,"pid":)" + std::to_string(child.pid()) + "}"), success);
     EXPECT_EQ(endingSignal(child.awaitEnd()), SIGHUP);
-    EXPECT_EQ(answerTo(R"({"signal":0,"pid":true})"), success) << "process 1";
+    if (::geteuid() == 0) {
+        EXPECT_EQ(answerTo(R"({"signal":0,"pid":true})"), success) << "process 1";
+    }
 }
 
 TEST_F(SignalPid, SignalZeroOnlyAsksWhetherTheProcessIsThere) {
