@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
@@ -105,32 +106,41 @@ class Direction {
     int status_ = 0;
 };
 
-/// What to wait for on a descriptor that one direction reads and the other writes.
-short interestIn(const Direction& reading, const Direction& writing) noexcept {
-    return static_cast<short>((reading.isPending() ? 0 : POLLIN) |
-                              (writing.isPending() ? POLLOUT : 0));
+/// Whether the host is gone for good and has not just ended its own direction. A vsock connection
+/// does not report that as a hang-up, but refuses to send, be it nothing.
+bool hasVanished(int connection) noexcept {
+    return ::send(connection, "", 0, MSG_NOSIGNAL | MSG_DONTWAIT) < 0 && !meansLater(errno);
+}
+
+/// What to wait for on a descriptor. One of which nothing is wanted is left out (-1), since its
+/// hang-up would be reported without end.
+pollfd interestIn(int descriptor, int events) noexcept {
+    return {events == 0 ? -1 : descriptor, static_cast<short>(events), 0};
 }
 
 /// Neither direction may wait for the other: a program whose output is not taken takes no input.
 /// Returns the exit status.
 int relay(Direction& input, Direction& output, int connection, int master, int patience) noexcept {
-    bool hostVanished = false;
+    bool hostIsSilent = false;  // it will send nothing more than what is there
     for (;;) {
-        // A hang-up is reported without end: a side of which nothing is wanted is left out (-1).
-        const bool flushing = hostVanished && input.isPending();
-        const short fromMaster = interestIn(output, input);
+        const int inputEnd = hostIsSilent ? 0 : POLLRDHUP;
+        const int fromHost = input.isPending() ? inputEnd : POLLIN;
+        const int fromMaster = output.isPending() ? 0 : POLLIN;
         std::array<pollfd, 2> waited{
-            pollfd{flushing ? -1 : connection, interestIn(input, output), 0},
-            pollfd{fromMaster == 0 ? -1 : master, fromMaster, 0}};
-        const int ready = ::poll(waited.data(), waited.size(), flushing ? patience : -1);
-        if (ready == 0 || (ready < 0 && errno != EINTR)) {
+            interestIn(connection, fromHost | (output.isPending() ? POLLOUT : 0)),
+            interestIn(master, fromMaster | (input.isPending() ? POLLOUT : 0))};
+        const bool lastInput = hostIsSilent && input.isPending();
+        const int ready = ::poll(waited.data(), waited.size(), lastInput ? patience : -1);
+        if ((ready < 0 && errno != EINTR) || (ready == 0 && hasVanished(connection))) {
             return 0;
         }
         if ((waited[1].revents & POLLHUP) != 0) {
             output.drain();  // the program has ended: what it wrote last still counts
             return output.status();
         }
-        hostVanished = hostVanished || (waited[0].revents & (POLLHUP | POLLERR)) != 0;
+        if ((waited[0].revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+            hostIsSilent = true;
+        }
         if (!input.fill()) {
             output.finish();
             return input.status();

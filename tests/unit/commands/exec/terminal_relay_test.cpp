@@ -372,7 +372,7 @@ TEST(BareTerminalRelay, GivesAVanishedHostUpWhenTheTerminalTakesNothingForAsLong
 }
 
 TEST(BareTerminalRelay, WaitsForTheProgramWithoutLimitWhileTheHostIsThere) {
-    BareRelay relay(0);
+    BareRelay relay(20);
     fill(relay.host.borrow());
     ::shutdown(relay.host.borrow(), SHUT_WR);  // it still listens
     ASSERT_EQ(::write(relay.program.borrow(), "out", 3), 3);
