@@ -1,25 +1,114 @@
 // Shows, as a host sees it, what the agent answers. corvane_vm_demo [--keep] IMAGE-DIRECTORY
+#include <chrono>
 #include <cstring>
 #include <exception>
+#include <iomanip>
 #include <iostream>
+#include <sstream>
 #include <string>
 
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+
+#include "tests/vm/support/base64.h"
 #include "tests/vm/support/virtual_machine.h"
+#include "tests/vm/support/vsock_peer.h"
+#include "tests/vm/support/wire_terminal.h"
 
 namespace {
 
+using boost::json::object;
 using corvane::vm::HostClient;
 using corvane::vm::VirtualMachine;
+using corvane::vm::VsockPeer;
 
 /// The marker byte is no text: it is shown by its number.
 std::string readable(const std::string& line) {
     return line.starts_with('\xFF') ? "<FF>" + line.substr(1) : line;
 }
 
-void show(HostClient& host, const std::string& what, const std::string& request) {
+std::string show(HostClient& host, const std::string& what, const std::string& request) {
     std::cout << "\n" << what << "\n";
     std::cout << "  host   " << readable(request) << "\n";
-    std::cout << "  agent  " << readable(host.request(request)) << std::endl;
+    std::string answer = host.request(request);
+    std::cout << "  agent  " << readable(answer) << std::endl;
+    return answer;
+}
+
+/// What is no message, but shown along with them.
+void showLines(const std::string& who, const std::string& text) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::cout << "  " << std::left << std::setw(6) << who << ' ' << line << std::endl;
+    }
+}
+
+std::string requestOf(const char* command, const object& arguments) {
+    return boost::json::serialize(object{{"execute", command}, {"arguments", arguments}});
+}
+
+std::int64_t pidIn(const std::string& answer) {
+    return boost::json::parse(answer).at("return").at("pid").to_number<std::int64_t>();
+}
+
+/// Asks until the program has ended; shows the last answer alone.
+void showEnd(HostClient& host, std::int64_t pid) {
+    const std::string request = requestOf("guest-exec-status", {{"pid", pid}});
+    const auto end = std::chrono::steady_clock::now() + corvane::vm::hangLimit;
+    std::string answer;
+    object state;
+    do {
+        if (std::chrono::steady_clock::now() > end) {
+            throw corvane::vm::HangError("the program does not end");
+        }
+        answer = host.request(request);
+        state = boost::json::parse(answer).at("return").as_object();
+    } while (!state.at("exited").as_bool());
+    std::cout << "  host   " << request << "\n  agent  " << answer << std::endl;
+    if (const auto* output = state.if_contains("out-data")) {
+        showLines("output", corvane::vm::decodeBase64(output->as_string()));
+    }
+}
+
+void run(HostClient& host, const std::string& what, const object& program) {
+    showEnd(host, pidIn(show(host, what, requestOf("guest-exec", program))));
+}
+
+/// Types a line at the shell's terminal and shows it with the line that holds the answer.
+void type(VsockPeer& terminal, const std::string& line, const std::string& answer) {
+    terminal.send(line + "\r");
+    const std::string shown = terminal.await(answer + "\r\n");
+    const std::size_t end = shown.size() - std::strlen("\r\n");
+    const std::size_t start = shown.rfind('\n', end - 1) + 1;
+    showLines("shell", "guest> " + line + '\n' + shown.substr(start, end - start));
+    terminal.await("guest> ");
+}
+
+/// A shell on a terminal whose other end is a vsock connection; the host changes its size.
+void resize(VirtualMachine& machine, HostClient& host) {
+    VsockPeer terminal(machine);
+    const object program{
+        {"path", "/bin/sh"},
+        {"arg", {"-i"}},
+        {"env", {"PATH=/bin:/usr/bin", "TERM=dumb", "PS1=guest> "}},
+        {"mirel-vsock-stdio", "vsock://2:" + std::to_string(terminal.listen())},
+        {"mirel-termios", corvane::vm::cookedTerminal.record()},
+        {"mirel-window-size", {{"rows", 24}, {"columns", 80}}},
+    };
+    const std::int64_t pid = pidIn(show(
+        host, "A shell on a terminal of 24 lines, over vsock:", requestOf("guest-exec", program)));
+    terminal.awaitConnection();
+    terminal.await("guest> ");
+    type(terminal, "stty size", "24 80");
+    show(host, "The host's window grows:",
+         requestOf("mirel-guest-signal-pid",
+                   {{"pid", pid},
+                    {"signal", 28},
+                    {"mirel-window-size", {{"rows", 50}, {"columns", 132}}}}));
+    type(terminal, "stty size", "50 132");
+    show(host, "Hang up:", requestOf("mirel-guest-signal-pid", {{"pid", pid}, {"signal", 1}}));
+    terminal.receiveAll();
+    showEnd(host, pid);
 }
 
 void converse(VirtualMachine& machine) {
@@ -31,6 +120,14 @@ void converse(VirtualMachine& machine) {
     show(host, "Is it alive?", R"({"execute":"guest-ping"})");
     show(host, "What can it do?", R"({"execute":"guest-info"})");
     show(host, "A command that it does not know:", R"({"execute":"guest-dance"})");
+    run(host, "Run a program and collect its output:",
+        {{"path", "/bin/uname"}, {"arg", {"-a"}}, {"capture-output", true}});
+    run(host, "Give it input, too:",
+        {{"path", "/bin/sort"},
+         {"input-data", corvane::vm::encodeBase64("pear\napple\nfig\n")},
+         {"capture-output", true}});
+    run(host, "A program that fails:", {{"path", "/bin/sh"}, {"arg", {"-c", "exit 3"}}});
+    resize(machine, host);
 }
 
 void explainKeeping(const VirtualMachine& machine) {
@@ -56,7 +153,7 @@ int main(int count, char** words) {
     }
     try {
         std::cout << "Starting a guest (about ten seconds) ..." << std::endl;
-        VirtualMachine machine(words[count - 1], {.endWithParent = !keep});
+        VirtualMachine machine(words[count - 1], {.vsockLoopback = true, .endWithParent = !keep});
         converse(machine);
         if (keep) {
             explainKeeping(machine);

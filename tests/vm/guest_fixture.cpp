@@ -1,31 +1,51 @@
 #include "tests/vm/guest_fixture.h"
 
+#include <chrono>
 #include <cstdlib>
+#include <iostream>
+#include <utility>
 
 #include <boost/json/parse.hpp>
 
 namespace corvane::vm {
 namespace {
 
-/// Holds the shared guest from its first use to the end of the run.
+/// Holds a guest that tests share from its first use to the end of the run.
 class SharedGuest : public ::testing::Environment {
  public:
+    explicit SharedGuest(MachineOptions options) : options_(std::move(options)) {}
     VirtualMachine& machine() {
         if (!machine_) {
-            machine_ = bootGuest();
+            machine_ = bootGuest(options_);
             // Until the agent has opened its port, what a host sends and leaves behind is lost.
             machine_->connectHost().synchronise();
         }
         return *machine_;
     }
-    void TearDown() override { machine_.reset(); }
+    VsockPeer& vsockPeer() {
+        if (!vsockPeer_) {
+            vsockPeer_ = std::make_unique<VsockPeer>(machine());
+        }
+        return *vsockPeer_;
+    }
+    void TearDown() override {
+        vsockPeer_.reset();
+        machine_.reset();
+    }
 
  private:
+    MachineOptions options_;
     std::unique_ptr<VirtualMachine> machine_;
+    std::unique_ptr<VsockPeer> vsockPeer_;
 };
 
-auto* const sharedGuest =
-    static_cast<SharedGuest*>(::testing::AddGlobalTestEnvironment(new SharedGuest));
+SharedGuest& share(MachineOptions options) {
+    return *static_cast<SharedGuest*>(
+        ::testing::AddGlobalTestEnvironment(new SharedGuest(std::move(options))));
+}
+
+SharedGuest& sharedGuest = share({});
+SharedGuest& sharedVsockGuest = share({.vsockLoopback = true});
 
 }  // namespace
 
@@ -53,6 +73,22 @@ void GuestTest::TearDown() {
     }
 }
 
+void GuestTest::shareGuest(VirtualMachine& machine) {
+    // What earlier tests caused is logged before this test begins.
+    machine.settleLog();
+    use(machine);
+}
+
+void GuestTest::awaitInGuest(const std::string& command, std::string_view expected) {
+    const auto end = std::chrono::steady_clock::now() + hangLimit;
+    std::string output;
+    while ((output = shell().check(command)) != expected) {
+        if (std::chrono::steady_clock::now() > end) {
+            throw HangError("'" + command + "' goes on to say: " + output);
+        }
+    }
+}
+
 HostClient GuestTest::synchronisedHost() {
     HostClient host = machine_->connectHost();
     host.synchronise();
@@ -65,10 +101,15 @@ std::string GuestTest::settledLog() {
 }
 
 void SharedGuestTest::SetUp() {
-    use(sharedGuest->machine());
-    // What earlier tests caused is logged before this test begins.
-    machine().settleLog();
-    use(machine());
+    shareGuest(sharedGuest.machine());
+}
+
+void SharedVsockGuestTest::SetUp() {
+    shareGuest(sharedVsockGuest.machine());
+}
+
+VsockPeer& SharedVsockGuestTest::vsockPeer() {
+    return sharedVsockGuest.vsockPeer();
 }
 
 boost::json::value parse(std::string_view json) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/vm/support/virtual_machine.h"
+#include "tests/vm/support/vsock_peer.h"
 
 namespace corvane::vm {
 
@@ -21,6 +22,8 @@ class GuestTest : public ::testing::Test {
  protected:
     /// The guest whose log belongs to this test.
     void use(VirtualMachine& machine);
+    /// The same for a guest that other tests have used before.
+    void shareGuest(VirtualMachine& machine);
     void TearDown() override;
 
     VirtualMachine& machine() { return *machine_; }
@@ -29,6 +32,9 @@ class GuestTest : public ::testing::Test {
     std::size_t logStart() const { return logStart_; }
     /// Waits for a line of this test in the guest's log.
     std::string awaitLog(std::string_view text) { return machine_->log().await(text, logStart_); }
+    /// Runs a command of the guest's shell until its output is `expected`: for states of the guest
+    /// that nothing announces. Throws HangError when it does not come to that.
+    void awaitInGuest(const std::string& command, std::string_view expected);
     /// A new host, in step with the agent.
     HostClient synchronisedHost();
     /// The log of this test, complete up to now.
@@ -43,6 +49,13 @@ class GuestTest : public ::testing::Test {
 class SharedGuestTest : public GuestTest {
  protected:
     void SetUp() override;
+};
+
+/// Tests that share another guest, with vsock in which `vsockPeer` plays the host.
+class SharedVsockGuestTest : public GuestTest {
+ protected:
+    void SetUp() override;
+    VsockPeer& vsockPeer();
 };
 
 boost::json::value parse(std::string_view json);

@@ -6,40 +6,28 @@
 // connection, sends the lines of REQUESTS one by one, each after the answer to the one before,
 // writes the answers to ANSWERS (a named pipe serves: its reader then waits for the end of the
 // exchange) and vanishes, connection, listener and all.
-#include <linux/vm_sockets.h>
+//
+//   vsock-host bridge DEVICE
+//
+// Returns at once; a child of it serves the virtio port DEVICE for ever: the real host, at the
+// other end of that port, says where to listen and takes part in the connection (vsock_bridge.h).
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <string>
+#include <string_view>
+
+#include "vm/guest/vsock_bridge.h"
+#include "vm/guest/vsock_listener.h"
 
 namespace {
 
-[[noreturn]] void fail(const char* what) {
-    std::perror(what);
-    std::exit(1);
-}
-
-int listenOn(unsigned port) {
-    const int listener = ::socket(AF_VSOCK, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listener < 0) {
-        fail("socket");
-    }
-    sockaddr_vm address{};
-    address.svm_family = AF_VSOCK;
-    address.svm_cid = VMADDR_CID_ANY;
-    address.svm_port = port;
-    if (::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        fail("bind");
-    }
-    if (::listen(listener, 1) != 0) {
-        fail("listen");
-    }
-    return listener;
-}
+using corvane::vm::fail;
 
 void sendAll(int connection, const std::string& text) {
     std::size_t sent = 0;
@@ -66,7 +54,7 @@ std::string receiveLine(int connection) {
 }
 
 void exchange(int listener, const char* requestsPath, const char* answersPath) {
-    const int connection = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    const int connection = corvane::vm::acceptOn(listener);
     if (connection < 0) {
         fail("accept");
     }
@@ -80,20 +68,44 @@ void exchange(int listener, const char* requestsPath, const char* answersPath) {
     std::ofstream(answersPath) << answers;
 }
 
-}  // namespace
-
-int main(int count, char** words) {
-    if (count != 5 || std::strcmp(words[1], "exchange") != 0) {
-        std::fputs("usage: vsock-host exchange PORT REQUESTS ANSWERS\n", stderr);
-        return 2;
-    }
-    const int listener = listenOn(static_cast<unsigned>(std::strtoul(words[2], nullptr, 10)));
+/// True in the child.
+bool goOnInTheBackground() {
     const pid_t child = ::fork();
     if (child < 0) {
         fail("fork");
     }
-    if (child == 0) {
-        exchange(listener, words[3], words[4]);
+    return child == 0;
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+    const std::string_view mode = count > 1 ? words[1] : "";
+    if (mode == "exchange" && count == 5) {
+        const int listener =
+            corvane::vm::listenOnVsock(static_cast<unsigned>(std::strtoul(words[2], nullptr, 10)));
+        if (listener < 0) {
+            fail("listen");
+        }
+        if (goOnInTheBackground()) {
+            exchange(listener, words[3], words[4]);
+        }
+        return 0;
     }
-    return 0;
+    if (mode == "bridge" && count == 3) {
+        const int device = ::open(words[2], O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        if (device < 0) {
+            fail(words[2]);
+        }
+        ::signal(SIGPIPE, SIG_IGN);
+        if (goOnInTheBackground()) {
+            corvane::vm::bridge(device);
+        }
+        return 0;
+    }
+    std::fputs(
+        "usage: vsock-host exchange PORT REQUESTS ANSWERS\n"
+        "       vsock-host bridge DEVICE\n",
+        stderr);
+    return 2;
 }

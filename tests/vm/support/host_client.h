@@ -21,6 +21,8 @@ class HostClient {
     std::string request(std::string_view json, Limit limit = hangLimit);
 
     void send(std::string_view bytes) { socket_.send(bytes); }
+    /// For requests so many that their answers must be taken in meanwhile.
+    void sendWhileReceiving(std::string_view bytes) { socket_.sendWhileReceiving(bytes); }
     std::string receiveLine(Limit limit = hangLimit) { return socket_.receiveLine(limit); }
     std::string receive(std::size_t count) { return socket_.receive(count); }
     void disconnect() { socket_.disconnect(); }

@@ -34,7 +34,8 @@ Descriptor makeSocket() {
     return made;
 }
 
-void await(int descriptor, short events, Limit limit, const char* what) {
+/// Which of the events have come.
+short await(int descriptor, short events, Limit limit, const char* what) {
     pollfd waited{descriptor, events, 0};
     int result = 0;
     do {
@@ -43,6 +44,7 @@ void await(int descriptor, short events, Limit limit, const char* what) {
     if (result == 0) {
         throw HangError(what);
     }
+    return waited.revents;
 }
 
 }  // namespace
@@ -58,12 +60,20 @@ LineSocket::LineSocket(const std::string& path) : socket_(makeSocket()) {
 void LineSocket::send(std::string_view bytes, Limit limit) {
     while (!bytes.empty()) {
         await(socket_.borrow(), POLLOUT, limit, "the peer takes no more bytes");
-        const ssize_t count =
-            ::send(socket_.borrow(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (count < 0 && errno != EAGAIN && errno != EINTR) {
-            throwError("send");
+        sendSome(bytes);
+    }
+}
+
+void LineSocket::sendWhileReceiving(std::string_view bytes, Limit limit) {
+    while (!bytes.empty()) {
+        const short events =
+            await(socket_.borrow(), POLLIN | POLLOUT, limit, "the peer takes no more bytes");
+        if ((events & POLLIN) != 0) {
+            receiveMore(limit);
         }
-        bytes.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
+        if ((events & POLLOUT) != 0) {
+            sendSome(bytes);
+        }
     }
 }
 
@@ -88,9 +98,25 @@ std::string LineSocket::receive(std::size_t count, Limit limit) {
     return bytes;
 }
 
+std::string LineSocket::receiveSome(Limit limit) {
+    if (received_.empty()) {
+        receiveMore(limit);
+    }
+    return std::exchange(received_, {});
+}
+
 void LineSocket::disconnect() {
     socket_.close();
     received_.clear();
+}
+
+void LineSocket::sendSome(std::string_view& bytes) {
+    const ssize_t count =
+        ::send(socket_.borrow(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (count < 0 && errno != EAGAIN && errno != EINTR) {
+        throwError("send");
+    }
+    bytes.remove_prefix(count > 0 ? static_cast<std::size_t>(count) : 0);
 }
 
 void LineSocket::receiveMore(Limit limit) {

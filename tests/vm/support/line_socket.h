@@ -40,6 +40,11 @@ class LineSocket {
     std::string receiveLine(Limit limit = hangLimit);
     /// Exactly `count` bytes.
     std::string receive(std::size_t count, Limit limit = hangLimit);
+    /// Whatever has been received, at least one byte.
+    std::string receiveSome(Limit limit = hangLimit);
+    /// Sends all bytes, and takes in what the peer sends meanwhile, so that neither end waits for
+    /// the other; what came in is there for the next receive.
+    void sendWhileReceiving(std::string_view bytes, Limit limit = hangLimit);
     /// Drops what has been received and not been taken.
     void dropReceived() { received_.clear(); }
 
@@ -47,6 +52,7 @@ class LineSocket {
     void disconnect();
 
  private:
+    void sendSome(std::string_view& bytes);
     void receiveMore(Limit limit);
 
     Descriptor socket_;

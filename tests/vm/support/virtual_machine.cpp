@@ -95,6 +95,7 @@ void VirtualMachine::start(const std::filesystem::path& imageDirectory,
     Descriptor channel = listenAt(channelPath());
     Descriptor control = listenAt(directory_ / "control");
     Descriptor monitor = listenAt(directory_ / "qmp");
+    Descriptor bridge = listenAt(bridgePath());
     const std::string console = directory_ / "console.log";
     const std::ofstream created(console);
     log_ = std::make_unique<ConsoleLog>(console);
@@ -139,6 +140,10 @@ void VirtualMachine::start(const std::filesystem::path& imageDirectory,
         "-device",
         options.console ? "virtconsole,chardev=agent"
                         : "virtserialport,chardev=agent,name=org.qemu.guest_agent.0"};
+    if (options.vsockLoopback) {
+        words.insert(words.end(), {"-chardev", socketDevice("bridge", bridge), "-device",
+                                   "virtserialport,chardev=bridge,name=org.corvane.bridge"});
+    }
     for (const std::string& entry : options.firmwareEntries) {
         words.insert(words.end(), {"-fw_cfg", entry});
     }
@@ -150,13 +155,14 @@ void VirtualMachine::start(const std::filesystem::path& imageDirectory,
     }
     if (process_ == 0) {
         runProgram(words, directory_ / "qemu.log",
-                   {channel.borrow(), control.borrow(), monitor.borrow()}, options.endWithParent,
-                   parent);
+                   {channel.borrow(), control.borrow(), monitor.borrow(), bridge.borrow()},
+                   options.endWithParent, parent);
     }
     // QEMU alone holds the listeners now: its end is the end of every connection.
     channel.close();
     control.close();
     monitor.close();
+    bridge.close();
     shell_ = std::make_unique<GuestShell>(directory_ / "control");
     try {
         shell_->awaitReady(std::chrono::minutes(2));

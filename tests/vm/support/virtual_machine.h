@@ -22,7 +22,8 @@ struct MachineOptions {
     std::vector<std::string> firmwareEntries = {};
     /// The agent's device is a console (/dev/hvc0) instead of the named port.
     bool console = false;
-    /// vsock with a transport that reaches listeners in the guest itself as cid 2.
+    /// vsock with a transport that reaches listeners in the guest itself as cid 2, and a port
+    /// for VsockPeer, which plays the host there.
     bool vsockLoopback = false;
     /// The agent runs from the start; otherwise it waits for "service start".
     bool startAgent = true;
@@ -48,6 +49,8 @@ class VirtualMachine {
     pid_t processId() const { return process_; }
     const std::filesystem::path& directory() const { return directory_; }
     std::string channelPath() const { return directory_ / "agent"; }
+    /// QEMU's socket of the port that VsockPeer uses.
+    std::string bridgePath() const { return directory_ / "bridge"; }
 
     /// Waits until everything that was logged so far has reached the log; returns its end.
     std::size_t settleLog();
