@@ -32,7 +32,7 @@ class LaunchChild : public ProgramTest {
     /// A program in `folder` of the scratch directory.
     std::string makeProgram(const std::string& folder, const std::string& name,
                             const std::string& text, mode_t mode = 0755) {
-        const std::string directory = scratch() + "/" + folder;
+        std::string directory = scratch() + "/" + folder;
         std::filesystem::create_directories(directory);
         const std::string path = directory + "/" + name;
         std::ofstream(path) << text;

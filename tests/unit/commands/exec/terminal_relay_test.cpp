@@ -56,7 +56,7 @@ class TerminalRelay : public ProgramTest {
             }
             seen_.append(piece.data(), static_cast<std::size_t>(count));
         }
-        const std::string text = seen_.substr(0, found + end.size());
+        std::string text = seen_.substr(0, found + end.size());
         seen_.erase(0, text.size());
         return text;
     }
