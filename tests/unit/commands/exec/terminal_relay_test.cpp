@@ -5,16 +5,19 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -270,6 +273,22 @@ TEST_F(TerminalRelay, HoldsNothingOfTheAgentsOpen) {
     ::close(ends[0]);
     hangUp();
     endOf(pid);
+    EXPECT_TRUE(allChildrenEnd());
+}
+
+TEST_F(TerminalRelay, WorksWithDescriptorsAboveThoseThatSelectCanTake) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, 1200);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    std::vector<DescriptorGuard> fillers;
+    do {
+        fillers.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    } while (fillers.back().borrow() <= 1024);
+    const pid_t pid = start("read line; echo \"<$line>\"");
+    type("word\n");
+    EXPECT_NE(readUntil("").find("<word>"), std::string::npos);
+    EXPECT_EQ(endOf(pid).status, 0);
     EXPECT_TRUE(allChildrenEnd());
 }
 
