@@ -11,22 +11,14 @@
 #include <string_view>
 #include <utility>
 
-#ifdef __GLIBC__
 // The name of clone(2) that the thread sanitizer leaves alone: its wrapper takes every child for a
 // fork with a memory of its own, and changes what it keeps of our threads.
 extern "C" int __clone(int (*function)(void*), void* stack, int flags, void* argument,  // NOLINT
                        ...) noexcept;
-#endif
 
 namespace corvane {
 
 namespace {
-
-#ifdef __GLIBC__
-constexpr auto cloneProcess = &__clone;
-#else
-constexpr auto cloneProcess = &::clone;
-#endif
 
 constexpr int startPatience = 1000;  // milliseconds
 constexpr char shell[] = "/bin/sh";
@@ -110,7 +102,11 @@ void ChildProcess::findCandidates() {
 /// Waits `patience` milliseconds for it.
 bool ChildProcess::hasStarted(int patience) const noexcept {
     pollfd waited{started.borrow(), POLLIN, 0};
-    return ::poll(&waited, 1, patience) == 1;
+    int ready = -1;
+    do {
+        ready = ::poll(&waited, 1, patience);
+    } while (ready < 0 && errno == EINTR);
+    return ready == 1;
 }
 
 void ChildProcess::reserveStart() {
@@ -120,8 +116,8 @@ void ChildProcess::reserveStart() {
 
 SystemResult<pid_t> ChildProcess::start(std::unique_ptr<ChildProcess> child) noexcept {
     const bool keepsIdentity = !child->request_.user && !child->request_.group;
-    const pid_t pid = cloneProcess(runChild, child->stack_.get() + stackSize,
-                                   (keepsIdentity ? CLONE_VM : 0) | SIGCHLD, &child->setup);
+    const pid_t pid = __clone(runChild, child->stack_.get() + stackSize,
+                              (keepsIdentity ? CLONE_VM : 0) | SIGCHLD, &child->setup);
     if (pid < 0) {
         return SystemError{errno};
     }

@@ -25,11 +25,11 @@ class ChildProcess {
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    /// To be completed with the streams before the start.
+    /// To be completed with the streams and `untilStart` before the start.
     ChildSetup setup;
 
-    /// The read end of a pipe whose write end is `setup.untilStart`: at its end of input the child
-    /// has left our memory.
+    /// To be given before the start: the read end of a pipe whose write end is `setup.untilStart`.
+    /// At its end of input the child has left our memory.
     DescriptorGuard started;
 
     /// Makes room to keep one more child, and lets go of those that have become their programs or

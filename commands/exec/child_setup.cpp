@@ -62,18 +62,11 @@ void enterWorkingDirectory(const ChildSetup& setup) noexcept {
 /// The group first: afterwards the user may not be allowed to. The C library's functions would
 /// change the agent's threads.
 void takeIdentity(const ChildSetup& setup) noexcept {
-#if defined(SYS_setuid32)
-    constexpr long setGroup = SYS_setgid32;
-    constexpr long setUser = SYS_setuid32;
-#else
-    constexpr long setGroup = SYS_setgid;
-    constexpr long setUser = SYS_setuid;
-#endif
     if (setup.group) {
-        require(systemCall(setGroup, static_cast<long>(*setup.group)));
+        require(systemCall(SYS_setgid, static_cast<long>(*setup.group)));
     }
     if (setup.user) {
-        require(systemCall(setUser, static_cast<long>(*setup.user)));
+        require(systemCall(SYS_setuid, static_cast<long>(*setup.user)));
     }
 }
 

@@ -1,10 +1,8 @@
 #include "commands/exec/launch.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <memory>
 #include <mutex>
@@ -14,6 +12,7 @@
 
 #include "commands/exec/child_process.h"
 #include "commands/exec/exec_request.h"
+#include "commands/exec/pipe.h"
 #include "commands/exec/process_table.h"
 #include "commands/exec/streams.h"
 #include "commands/exec/terminal_relay.h"
@@ -29,25 +28,10 @@ JsonValue failure(std::string description) {
     return makeErrorResponse(genericError, std::move(description));
 }
 
-/// A pipe whose write end nobody has any more when the program has started: whoever holds the read
-/// end then finds its end.
-struct StartSignal {
-    DescriptorGuard started;
-    DescriptorGuard untilStart;
-};
-
-SystemResult<StartSignal> makeStartSignal() {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        return SystemError{errno};
-    }
-    return StartSignal{DescriptorGuard(ends[0]), DescriptorGuard(ends[1])};
-}
-
 /// Puts a new terminal between the connection and the program: a relay process gets the connection
 /// and the terminal's master end, the program its slave end. Returns why that failed.
-std::optional<std::string> startTerminalRelay(const ExecRequest& request, const StartSignal& signal,
-                                              Streams& streams) {
+std::optional<std::string> startTerminalRelay(const ExecRequest& request,
+                                              const DescriptorGuard& started, Streams& streams) {
     auto opened = platform().terminals.openPair(*request.terminalSettings, *request.windowSize);
     if (!opened.ok()) {
         return "failed to openpty: " + errorText(opened.error());
@@ -58,7 +42,7 @@ std::optional<std::string> startTerminalRelay(const ExecRequest& request, const 
         return "failed to fork pty child: " + errorText(errno);
     }
     if (relay == 0) {
-        runTerminalRelay(streams.input.borrow(), terminal.master.borrow(), signal.started.borrow());
+        runTerminalRelay(streams.input.borrow(), terminal.master.borrow(), started.borrow());
     }
     streams.input = std::move(terminal.slave);
     return std::nullopt;
@@ -110,13 +94,15 @@ JsonValue launch(ExecRequest request) {
     if (auto reason = openStreams(request, streams)) {
         return failure(std::move(*reason));
     }
-    auto made = makeStartSignal();
+    // Nobody has the write end any more when the program has started: whoever holds the read end
+    // then finds its end.
+    auto made = makePipe();
     if (!made.ok()) {
         return failure("failed to fork child: " + errorText(made.error()));
     }
-    StartSignal signal = made.take();
+    Pipe startSignal = made.take();
     if (request.vsockTarget && request.terminalSettings && request.windowSize) {
-        if (auto reason = startTerminalRelay(request, signal, streams)) {
+        if (auto reason = startTerminalRelay(request, startSignal.readEnd, streams)) {
             return failure(std::move(*reason));
         }
     }
@@ -127,8 +113,8 @@ JsonValue launch(ExecRequest request) {
     std::unique_lock lock(processTableLock);
     auto child = std::make_unique<ChildProcess>(std::move(request));
     lendStreams(streams, captureOutput, child->setup);
-    child->setup.untilStart = signal.untilStart.borrow();
-    child->started = std::move(signal.started);
+    child->setup.untilStart = startSignal.writeEnd.borrow();
+    child->started = std::move(startSignal.readEnd);
     auto entry = makeEntry(captureOutput, streams);
     ProcessRecord& record = *entry.mapped();
     processTable.reserve(processTable.size() + 1);
@@ -149,7 +135,7 @@ JsonValue launch(ExecRequest request) {
     }
     auto started = ChildProcess::start(std::move(child));
     ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    signal.untilStart.closeNow();
+    startSignal.writeEnd.closeNow();
     if (!started.ok()) {
         return failure("failed to fork child: " + errorText(started.error()));
     }

@@ -4,11 +4,12 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
+#include <utility>
 
 #include "commands/exec/capture_files.h"
 #include "commands/exec/exec_request.h"
+#include "commands/exec/pipe.h"
 #include "core/message.h"
 #include "platform/platform.h"
 #include "platform/terminals.h"
@@ -51,12 +52,12 @@ Failure connectStreams(const VsockTarget& target, Streams& streams) {
 }
 
 Failure openInputPipe(Streams& streams) {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
+    auto made = makePipe();
+    if (!made.ok()) {
         return "unable to allocate stdin pipe";
     }
-    streams.input = DescriptorGuard(ends[0]);
-    streams.inputWriteEnd = DescriptorGuard(ends[1]);
+    streams.input = std::move(made.value().readEnd);
+    streams.inputWriteEnd = std::move(made.value().writeEnd);
     return std::nullopt;
 }
 

@@ -27,9 +27,10 @@ bool meansLater(int error) noexcept {
     return error == EAGAIN || error == EINTR;
 }
 
-void await(int descriptor, int events) noexcept {
+/// Waits for an event, or for so many milliseconds; -1 is without limit.
+void await(int descriptor, int events, int patience) noexcept {
     pollfd waited{descriptor, static_cast<short>(events), 0};
-    while (::poll(&waited, 1, -1) < 0 && errno == EINTR) {
+    while (::poll(&waited, 1, patience) < 0 && errno == EINTR) {
     }
 }
 
@@ -69,10 +70,11 @@ class Direction {
         return succeeded(count);
     }
 
-    /// Writes all that is pending, as long as that takes.
-    bool finish() noexcept {
+    /// Writes all that is pending, as long as that takes. Tries now and then, whatever poll(2)
+    /// says: a vsock connection whose peer has gone may report nothing, but refuses a write.
+    bool finish(int patience) noexcept {
         while (isPending()) {
-            await(to_, POLLOUT);
+            await(to_, POLLOUT, patience);
             if (!flush()) {
                 return false;
             }
@@ -81,9 +83,9 @@ class Direction {
     }
 
     /// Passes on all that there is still to come.
-    void drain() noexcept {
-        while (finish()) {
-            await(from_, POLLIN);
+    void drain(int patience) noexcept {
+        while (finish(patience)) {
+            await(from_, POLLIN, -1);
             if (!fill()) {
                 return;
             }
@@ -135,18 +137,18 @@ int relay(Direction& input, Direction& output, int connection, int master, int p
             return 0;
         }
         if ((waited[1].revents & POLLHUP) != 0) {
-            output.drain();  // the program has ended: what it wrote last still counts
+            output.drain(patience);  // the program has ended: what it wrote last still counts
             return output.status();
         }
         if ((waited[0].revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
             hostIsSilent = true;
         }
         if (!input.fill()) {
-            output.finish();
+            output.finish(patience);
             return input.status();
         }
         if (!input.flush()) {
-            output.drain();
+            output.drain(patience);
             return input.status();
         }
         if (!output.fill() || !output.flush()) {
@@ -170,7 +172,7 @@ void runTerminalRelay(int connection, int master, int started, int patience) noe
         ::_exit(cannotBegin);
     }
     auto* buffers = static_cast<char*>(memory);
-    await(started, POLLIN);
+    await(started, POLLIN, -1);
     ::close(started);
     Direction input(connection, master, {buffers, pageSize});
     Direction output(master, connection, {buffers + pageSize, pageSize});

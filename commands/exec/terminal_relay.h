@@ -3,10 +3,10 @@
 namespace corvane {
 
 /// The body of a relay process: passes every byte between a connection and the master end of a
-/// terminal, both ways at once, until either side ends. What was read is written before it ends;
-/// but when the host has vanished, only as long as the terminal takes some of it every `patience`
-/// milliseconds. Begins at the end of input of `started`: hanging up before the program has made
-/// the terminal its own would not reach it.
+/// terminal, both ways at once, until either side ends. What was read before is written then. When
+/// the host has vanished, its last bytes go to the terminal as long as that takes some of them
+/// every `patience` milliseconds and the program writes nothing. Begins at the end of input of
+/// `started`: hanging up before the program has made the terminal its own would not reach it.
 ///
 /// Runs in a forked child: makes system calls only. Closes all other descriptors, so that nothing
 /// of the agent's stays open for as long as somebody sits at the terminal. Exit status: 255 when it
