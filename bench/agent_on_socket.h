@@ -60,9 +60,10 @@ class BenchPlatform {
     FakePrivateDirectory privateDirectory_;
     FakeTerminals terminals_;
     FakeProcessInformation processInformation_;
-    Platform services_{systemLog_,        firmware_,     serialDevices_,     hypervisor_,
-                       channelDevice,     vsockSockets_, remoteLogin_,       accounts_,
-                       privateDirectory_, terminals_,    processInformation_};
+    FakeFileStreams fileStreams_;
+    Platform services_{systemLog_,        firmware_,     serialDevices_,      hypervisor_,
+                       channelDevice,     vsockSockets_, remoteLogin_,        accounts_,
+                       privateDirectory_, terminals_,    processInformation_, fileStreams_};
     PlatformScope scope_{services_};
 };
 

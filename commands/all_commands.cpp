@@ -3,6 +3,13 @@
 #include "commands/exec/exec.h"
 #include "commands/exec/exec_status.h"
 #include "commands/exec/signal_pid.h"
+#include "commands/files/file_close.h"
+#include "commands/files/file_flush.h"
+#include "commands/files/file_open.h"
+#include "commands/files/file_read.h"
+#include "commands/files/file_seek.h"
+#include "commands/files/file_write.h"
+#include "commands/files/vsock_transfer.h"
 #include "commands/handshake/info.h"
 #include "commands/handshake/ping.h"
 #include "commands/handshake/sync.h"
@@ -24,14 +31,14 @@ constexpr std::array<Command, 20> allCommands{{
     {"guest-ping", handleGuestPing, 6, always},
     {"guest-exec", handleGuestExec, 1, always},
     {"guest-exec-status", handleGuestExecStatus, 2, always},
-    {"guest-file-open", notBuilt, 7, always},
-    {"guest-file-close", notBuilt, 8, always},
-    {"guest-file-read", notBuilt, 9, always},
-    {"guest-file-write", notBuilt, 10, always},
-    {"mirel-guest-file-vsock-read", notBuilt, 11, ifVsock},
-    {"mirel-guest-file-vsock-write", notBuilt, 12, ifVsock},
-    {"guest-file-seek", notBuilt, 13, always},
-    {"guest-file-flush", notBuilt, 14, always},
+    {"guest-file-open", handleGuestFileOpen, 7, always},
+    {"guest-file-close", handleGuestFileClose, 8, always},
+    {"guest-file-read", handleGuestFileRead, 9, always},
+    {"guest-file-write", handleGuestFileWrite, 10, always},
+    {"mirel-guest-file-vsock-read", handleGuestFileVSockRead, 11, ifVsock},
+    {"mirel-guest-file-vsock-write", handleGuestFileVSockWrite, 12, ifVsock},
+    {"guest-file-seek", handleGuestFileSeek, 13, always},
+    {"guest-file-flush", handleGuestFileFlush, 14, always},
     {"guest-network-get-interfaces", notBuilt, 15, always},
     {"guest-shutdown", notBuilt, 16, always},
     {"guest-set-time", notBuilt, 18, always},

@@ -3,13 +3,13 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <sys/mman.h>
+#include <sys/sysinfo.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -20,19 +20,29 @@ namespace corvane {
 
 namespace {
 
-/// What the machine could give without swapping, in bytes; without a limit where /proc is absent.
+/// What nothing uses at all: less than could be had, but this needs no file. See sysinfo(2).
+std::uint64_t freeMemory() noexcept {
+    struct sysinfo machine {};
+    ::sysinfo(&machine);
+    return std::uint64_t{machine.freeram} * machine.mem_unit;
+}
+
+/// What the machine could give without swapping, in bytes. An agent that has run out of descriptors
+/// must take what is free for it.
 std::uint64_t availableMemory() noexcept {
     constexpr std::string_view name = "MemAvailable:";
     std::array<char, 1024> buffer;  // it is the third line
     const DescriptorGuard file(::open("/proc/meminfo", O_RDONLY | O_CLOEXEC));
     const ssize_t count = ::read(file.borrow(), buffer.data(), buffer.size());
     std::string_view text(buffer.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    std::uint64_t kibibytes = std::numeric_limits<std::uint64_t>::max() / 1024;
-    if (const auto at = text.find(name); at != std::string_view::npos) {
-        text.remove_prefix(at + name.size());
-        text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
-        std::from_chars(text.data(), text.data() + text.size(), kibibytes);
+    const auto at = text.find(name);
+    if (at == std::string_view::npos) {
+        return freeMemory();
     }
+    text.remove_prefix(at + name.size());
+    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+    std::uint64_t kibibytes = 0;
+    std::from_chars(text.data(), text.data() + text.size(), kibibytes);
     return kibibytes * 1024;
 }
 

@@ -26,11 +26,13 @@ constexpr int signalBlockFailed = 255;
 
 ThreadEntry reaperEntry = nullptr;
 
-/// A peer may vanish while we write to it: the write fails then, and that is all that may happen.
-void ignoreBrokenPipes() {
+/// A peer may vanish while we write to it, a file grow beyond a limit that we were started with:
+/// the write fails then, and that is all that may happen.
+void ignoreFailedWrites() {
     struct sigaction action {};
     action.sa_handler = SIG_IGN;
     ::sigaction(SIGPIPE, &action, nullptr);
+    ::sigaction(SIGXFSZ, &action, nullptr);
 }
 
 void checkEnvironment() {
@@ -94,7 +96,7 @@ void prepare(ThreadEntry reapChildren) {
 
 void runAgent(ThreadEntry reapChildren) {
     keepHeapSmall();
-    ignoreBrokenPipes();
+    ignoreFailedWrites();
     try {
         prepare(reapChildren);
         ReadLoop().run();

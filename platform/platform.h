@@ -4,6 +4,7 @@ namespace corvane {
 
 class Accounts;
 class ChannelDevice;
+class FileStreams;
 class Firmware;
 class Hypervisor;
 class PrivateDirectory;
@@ -27,6 +28,7 @@ struct Platform {
     PrivateDirectory& privateDirectory;
     Terminals& terminals;
     ProcessInformation& processInformation;
+    FileStreams& fileStreams;
 };
 
 /// The platform in use. One must be installed.

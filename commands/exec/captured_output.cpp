@@ -84,11 +84,6 @@ std::string encodeFile(int descriptor, std::size_t size) {
     return text;
 }
 
-/// `size` is below 2^63, but its text need not be: the first question bounds the second one.
-bool textFitsMemory(std::uint64_t size, std::size_t heldLength) noexcept {
-    return memorySuffices(size) && memorySuffices(2 * base64Length(size) + heldLength);
-}
-
 }  // namespace
 
 std::string readCapturedOutput(int descriptor, std::size_t heldLength) {
@@ -99,7 +94,7 @@ std::string readCapturedOutput(int descriptor, std::size_t heldLength) {
     // A program may write as fast as it is read here: what comes later is for the next poll.
     const auto size = static_cast<std::size_t>(file.st_size);
     try {
-        if (textFitsMemory(size, heldLength)) {
+        if (base64FitsMemory(size, heldLength)) {
             return encodeFile(descriptor, size);
         }
     } catch (const std::bad_alloc&) {

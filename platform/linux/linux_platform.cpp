@@ -5,9 +5,9 @@
 namespace corvane {
 
 LinuxPlatform::LinuxPlatform()
-    : systemLog_(makeSystemLog()), services_{systemLog_,   firmware_,          serialDevices_,
-                                             hypervisor_,  channelDevice_,     vsockSockets_,
-                                             remoteLogin_, accounts_,          privateDirectory_,
-                                             terminals_,   processInformation_} {}
+    : systemLog_(makeSystemLog()), services_{systemLog_,   firmware_,           serialDevices_,
+                                             hypervisor_,  channelDevice_,      vsockSockets_,
+                                             remoteLogin_, accounts_,           privateDirectory_,
+                                             terminals_,   processInformation_, fileStreams_} {}
 
 }  // namespace corvane

@@ -2,6 +2,7 @@
 
 #include "platform/linux/linux_accounts.h"
 #include "platform/linux/linux_channel_device.h"
+#include "platform/linux/linux_file_streams.h"
 #include "platform/linux/linux_firmware.h"
 #include "platform/linux/linux_hypervisor.h"
 #include "platform/linux/linux_private_directory.h"
@@ -38,6 +39,7 @@ class LinuxPlatform {
     LinuxPrivateDirectory privateDirectory_;
     LinuxTerminals terminals_;
     LinuxProcessInformation processInformation_;
+    LinuxFileStreams fileStreams_;
     Platform services_;
 };
 

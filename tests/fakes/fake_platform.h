@@ -21,11 +21,12 @@ struct FakePlatform {
     FakePrivateDirectory privateDirectory;
     FakeTerminals terminals;
     FakeProcessInformation processInformation;
+    FakeFileStreams fileStreams;
 
  private:
-    Platform services_{systemLog,        firmware,     serialDevices,     hypervisor,
-                       channelDevice,    vsockSockets, remoteLogin,       accounts,
-                       privateDirectory, terminals,    processInformation};
+    Platform services_{systemLog,        firmware,     serialDevices,      hypervisor,
+                       channelDevice,    vsockSockets, remoteLogin,        accounts,
+                       privateDirectory, terminals,    processInformation, fileStreams};
     PlatformScope scope_{services_};
 };
 

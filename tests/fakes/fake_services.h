@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/file_streams.h"
 #include "platform/firmware.h"
 #include "platform/hypervisor.h"
 #include "platform/remote_login.h"
@@ -118,6 +119,17 @@ class FakeVsockSockets : public VsockSockets {
     int lastDescriptor = -1;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> connections;  ///< context id, port
     std::vector<DescriptorGuard> hostEnds;
+};
+
+/// The C library's own streams.
+class FakeFileStreams : public FileStreams {
+ public:
+    OwnedStream open(const std::string& path, const std::string& mode) override {
+        opened.emplace_back(path, mode);
+        return OwnedStream(std::fopen(path.c_str(), mode.c_str()));
+    }
+
+    std::vector<std::pair<std::string, std::string>> opened;  ///< path, mode
 };
 
 class FakeRemoteLogin : public RemoteLogin {

@@ -78,6 +78,12 @@ TEST(AllCommands, NamesLeadToTheirHandlers) {
     EXPECT_EQ(answerToNothing("guest-sync-delimited"), "id is not a number");
     EXPECT_EQ(answerToNothing("guest-exec"), "path is not a string");
     EXPECT_EQ(answerToNothing("guest-exec-status"), "pid is not a number");
+    EXPECT_EQ(answerToNothing("guest-file-open"), "path is not a string");
+    for (const char* name :
+         {"guest-file-close", "guest-file-read", "guest-file-write", "mirel-guest-file-vsock-read",
+          "mirel-guest-file-vsock-write", "guest-file-seek", "guest-file-flush"}) {
+        EXPECT_EQ(answerToNothing(name), "handle is not a number") << name;
+    }
     EXPECT_EQ(answerToNothing("mirel-guest-signal-pid"), "signal is not a number");
 }
 

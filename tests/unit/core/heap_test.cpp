@@ -1,5 +1,8 @@
 #include "core/heap.h"
 
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <cstdint>
 #include <fstream>
 #include <limits>
@@ -7,6 +10,8 @@
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "tests/fakes/child_process.h"
 
 namespace corvane {
 namespace {
@@ -42,6 +47,17 @@ TEST(Heap, AnEighthOfTheAvailableMemoryIsLeftToOthers) {
     const std::uint64_t available = memoryOf("MemAvailable");
     EXPECT_TRUE(memorySuffices(available / 4 * 3));
     EXPECT_FALSE(memorySuffices(available / 16 * 15));
+}
+
+TEST(Heap, WithoutADescriptorLeftItTakesWhatIsFree) {
+    const int status = exitStatusOf([] {
+        const rlimit none{0, 0};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+        const bool little = memorySuffices(largeMessage);
+        const bool all = memorySuffices(std::numeric_limits<std::uint64_t>::max() / 2);
+        ::_exit(little && !all ? 0 : 1);
+    });
+    EXPECT_EQ(status, 0);
 }
 
 /// This process's address space in bytes. See proc(5), /proc/PID/statm.

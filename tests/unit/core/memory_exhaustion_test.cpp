@@ -92,7 +92,8 @@ class MemoryExhaustion : public testing::Test {
                        fakes_.accounts,
                        fakes_.privateDirectory,
                        fakes_.terminals,
-                       fakes_.processInformation};
+                       fakes_.processInformation,
+                       fakes_.fileStreams};
     PlatformScope scope_{services_};
 };
 

@@ -316,7 +316,8 @@ class ReadLoopOnAScript : public testing::Test {
                        fakes_.accounts,
                        fakes_.privateDirectory,
                        fakes_.terminals,
-                       fakes_.processInformation};
+                       fakes_.processInformation,
+                       fakes_.fileStreams};
     PlatformScope scope_{services_};
 };
 

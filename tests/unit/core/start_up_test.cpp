@@ -138,10 +138,10 @@ class UnlistableSerialDevices : public SerialDevices {
 TEST_F(StartUp, ExceptionEndsItWithStatusOneAndAMessage) {
     UnlistableSerialDevices unlistable;
     Platform services{
-        platform_.systemLog,   platform_.firmware,          unlistable,
-        platform_.hypervisor,  platform_.channelDevice,     platform_.vsockSockets,
-        platform_.remoteLogin, platform_.accounts,          platform_.privateDirectory,
-        platform_.terminals,   platform_.processInformation};
+        platform_.systemLog,   platform_.firmware,           unlistable,
+        platform_.hypervisor,  platform_.channelDevice,      platform_.vsockSockets,
+        platform_.remoteLogin, platform_.accounts,           platform_.privateDirectory,
+        platform_.terminals,   platform_.processInformation, platform_.fileStreams};
     const PlatformScope scope(services);
     const End end = endOf([] { exitWith(true); });
     EXPECT_EQ(end.status, 1);

@@ -1,0 +1,32 @@
+#include "commands/files/file_read.h"
+
+#include "commands/files/encoded_stream.h"
+#include "commands/files/file_answers.h"
+#include "commands/files/file_handle_table.h"
+#include "core/arguments.h"
+#include "core/message.h"
+
+namespace corvane {
+
+namespace {
+constexpr std::uint64_t defaultCount = 4096;
+}  // namespace
+
+JsonValue handleGuestFileRead(const JsonObject* arguments) {
+    ArgumentReader reader("handleGuestFileRead", arguments);
+    std::FILE* const stream = requireFile(reader);
+    const auto given = reader.optionalNumber("count");
+    if (reader.failed()) {
+        return reader.takeError();
+    }
+    const std::uint64_t count = given ? given->asUnsigned64() : defaultCount;
+    EncodedBytes bytes = readEncoded(stream, count);
+    if (bytes.count < count && std::ferror(stream) != 0) {
+        return streamFailure("fread", bytes.error);
+    }
+    JsonObject result = transferResult(bytes.count, stream);
+    result.add("buf-b64", std::move(bytes.text));
+    return makeSuccessResponse(std::move(result));
+}
+
+}  // namespace corvane
