@@ -126,11 +126,6 @@ bool decodeBase64With(const Base64Codec& codec, std::string_view text, char* byt
            (end == text.size() || decodePaddedGroup(text.substr(end), bytes + end / 4 * 3));
 }
 
-bool base64FitsMemory(std::uint64_t byteCount, std::size_t heldLength) noexcept {
-    // The length is right because the first question bounds the count.
-    return memorySuffices(byteCount) && memorySuffices(2 * base64Length(byteCount) + heldLength);
-}
-
 void encodeBase64(std::string_view bytes, char* text) noexcept {
     encodeBase64With(fastestBase64Codec(), bytes, text);
 }

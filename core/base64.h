@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,10 +14,6 @@ namespace corvane {
 constexpr std::size_t base64Length(std::size_t byteCount) noexcept {
     return byteCount / 3 * 4 + (byteCount % 3 == 0 ? 0 : 4);
 }
-
-/// Whether memory suffices for the text of `byteCount` bytes, for the response's line, which holds
-/// it once more, and for `heldLength` characters of other text in that line. See memorySuffices().
-bool base64FitsMemory(std::uint64_t byteCount, std::size_t heldLength) noexcept;
 
 /// Writes the base64Length(bytes.size()) characters to `text`, and no NUL. What does not arrive at
 /// once can be encoded in pieces, one behind the other, if all but the last are multiples of 3.

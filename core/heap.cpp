@@ -10,6 +10,7 @@
 #include <array>
 #include <charconv>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -61,10 +62,10 @@ bool addressSpaceSuffices(std::uint64_t bytes) noexcept {
 
 #ifdef __GLIBC__
 
-void keepHeapSmall() noexcept {
-    constexpr int threshold = 128 * 1024;  // glibc's initial value; setting it stops its growth
-    ::mallopt(M_MMAP_THRESHOLD, threshold);
-    ::mallopt(M_TRIM_THRESHOLD, threshold);
+void limitHeap() noexcept {
+    constexpr int never = std::numeric_limits<int>::max();  // but by trimHeap()
+    ::mallopt(M_MMAP_THRESHOLD, hugeMessage);               // setting it stops its growth
+    ::mallopt(M_TRIM_THRESHOLD, never);
 }
 
 void trimHeap() noexcept {
@@ -73,7 +74,7 @@ void trimHeap() noexcept {
 
 #else
 
-void keepHeapSmall() noexcept {}
+void limitHeap() noexcept {}
 void trimHeap() noexcept {}
 
 #endif
@@ -91,7 +92,7 @@ void preferLargePages(void* memory, std::size_t size) noexcept {
 }
 
 bool memorySuffices(std::uint64_t bytes) noexcept {
-    if (bytes < largeMessage) {
+    if (bytes < hugeMessage) {
         return true;
     }
     const std::uint64_t available = availableMemory();

@@ -1,6 +1,7 @@
 // Boost.JSON's incremental parser checks the syntax and reports what it meets; the handler here
 // builds the values. The line is fed to it as it lies in memory, slice by slice, so that a long
-// string is copied once, straight into the value that holds it.
+// string is copied once, straight into the value that holds it. Of a string that has begun, what
+// is plain is taken past the parser, which has nothing to do with it but look at each byte.
 
 #include "core/json_reader.h"
 
@@ -15,6 +16,7 @@
 #include <boost/json/basic_parser_impl.hpp>
 
 #include "core/heap.h"
+#include "core/plain_text.h"
 
 namespace corvane {
 
@@ -39,8 +41,18 @@ class ValueBuilder {
     static constexpr std::size_t max_key_size = SIZE_MAX;
     static constexpr std::size_t max_string_size = SIZE_MAX;
 
-    /// How many bytes of the line are left, with those that the parser is being given.
-    void setBytesLeft(std::size_t count) noexcept { bytesLeft_ = count; }
+    /// Before more of the line is taken in, of which `bytesLeft` bytes are left.
+    void startPiece(std::size_t bytesLeft) noexcept {
+        bytesLeft_ = bytesLeft;
+        partEnd_ = nullptr;
+    }
+
+    /// Whether the parser, which has been given all up to `end`, waits there for the next character
+    /// of a string. A part that ends elsewhere is followed by half a character, or was decoded.
+    [[nodiscard]] bool isInStringAt(const char* end) const noexcept { return partEnd_ == end; }
+
+    /// Takes what the parser would report as a part of the string that it is in.
+    void appendPlain(std::string_view part) { appendText({part.data(), part.size()}); }
 
     JsonValue takeResult() noexcept { return std::move(result_); }
 
@@ -65,6 +77,7 @@ class ValueBuilder {
             return false;
         }
         appendText(part);
+        partEnd_ = part.data() + part.size();
         return true;
     }
     bool on_string(json::string_view part, std::size_t, json::error_code& error) {
@@ -161,8 +174,9 @@ class ValueBuilder {
 
     JsonValue result_;
     std::vector<OpenValue> open_;
-    std::string text_;        ///< the parts so far of a string or key
-    std::string numberText_;  ///< the parts so far of a number
+    std::string text_;               ///< the parts so far of a string or key
+    std::string numberText_;         ///< the parts so far of a number
+    const char* partEnd_ = nullptr;  ///< where the last part of a string ended
     std::size_t bytesLeft_ = 0;
 };
 
@@ -184,10 +198,18 @@ JsonOutcome readJson(RequestLine line) {
     const std::size_t lineSize = sizeOf(line);
     std::size_t position = 0;
 
+    bool isInString = false;
+
     for (InputSlice& slice : line) {
         for (std::string_view rest = slice.bytes(); !rest.empty();) {
+            parser.handler().startPiece(lineSize - position);
+            if (const std::size_t plain = isInString ? plainLength(rest) : 0; plain > 0) {
+                parser.handler().appendPlain(rest.substr(0, plain));
+                rest.remove_prefix(plain);
+                position += plain;
+                continue;
+            }
             const std::string_view piece = rest.substr(0, feedLimit);
-            parser.handler().setBytesLeft(lineSize - position);
             const std::size_t consumed = parser.write_some(true, piece.data(), piece.size(), error);
             position += consumed;
             if (error) {
@@ -198,12 +220,13 @@ JsonOutcome readJson(RequestLine line) {
                 return describe("text after the value", position);
             }
             rest.remove_prefix(piece.size());
+            isInString = parser.handler().isInStringAt(piece.data() + piece.size());
         }
         slice = {};
     }
     // The pieces of the line lie scattered between others in the heap and would not serve the large
     // buffers of an answer.
-    if (lineSize >= largeMessage) {
+    if (lineSize >= hugeMessage) {
         trimHeap();
     }
     parser.write_some(false, "", 0, error);

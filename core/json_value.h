@@ -90,12 +90,19 @@ class JsonObject {
     std::vector<JsonMember> members_;
 };
 
+/// Text that stands in JSON as it is: printable ASCII without quotation marks and backslashes.
+/// Whoever makes it of a long text spares the writer the search for what it would have to escape.
+struct PlainText {
+    std::string text;
+};
+
 /// A JSON value. Owns everything below it.
 class JsonValue {
  public:
     JsonValue() noexcept = default;                                            ///< JSON null
     JsonValue(JsonNumber number) noexcept : content_(number) {}                // NOLINT
     JsonValue(std::string text) noexcept : content_(std::move(text)) {}        // NOLINT
+    JsonValue(PlainText text) noexcept : content_(std::move(text)) {}          // NOLINT
     JsonValue(JsonArray elements) noexcept : content_(std::move(elements)) {}  // NOLINT
     JsonValue(JsonObject object) noexcept : content_(std::move(object)) {}     // NOLINT
 
@@ -107,7 +114,8 @@ class JsonValue {
         return std::get_if<JsonNumber>(&content_);
     }
     [[nodiscard]] const std::string* string() const noexcept {
-        return std::get_if<std::string>(&content_);
+        const auto* plain = std::get_if<PlainText>(&content_);
+        return plain != nullptr ? &plain->text : std::get_if<std::string>(&content_);
     }
     [[nodiscard]] const JsonArray* array() const noexcept {
         return std::get_if<JsonArray>(&content_);
@@ -115,11 +123,16 @@ class JsonValue {
     [[nodiscard]] const JsonObject* object() const noexcept {
         return std::get_if<JsonObject>(&content_);
     }
+    /// Whether it is a string that was given as plain text.
+    [[nodiscard]] bool isPlainText() const noexcept {
+        return std::holds_alternative<PlainText>(content_);
+    }
     [[nodiscard]] JsonArray* array() noexcept { return std::get_if<JsonArray>(&content_); }
     [[nodiscard]] JsonObject* object() noexcept { return std::get_if<JsonObject>(&content_); }
 
  private:
-    std::variant<std::monostate, JsonNumber, std::string, JsonArray, JsonObject> content_;
+    std::variant<std::monostate, JsonNumber, std::string, PlainText, JsonArray, JsonObject>
+        content_;
 };
 
 struct JsonMember {

@@ -14,33 +14,16 @@
 #include <vector>
 
 #include "core/heap.h"
+#include "core/plain_text.h"
 
 namespace corvane {
 
 namespace {
 
 constexpr std::size_t longString = 4096;        ///< from here on, a note of plainness pays
-constexpr std::size_t blockSize = 64;           ///< bytes tested at once
 constexpr std::ptrdiff_t runLimit = 16 * 1024;  ///< bytes handed on while they are in the cache
 
 constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
-
-/// Printable ASCII that stands for itself. Bytes from 0x80 on are negative here.
-constexpr bool isPlain(char character) noexcept {
-    const auto byte = static_cast<signed char>(character);
-    return byte >= 0x20 && byte != '"' && byte != '\\';
-}
-
-/// Written without a branch per byte, so that compilers turn it into vector instructions.
-bool isPlainBlock(const char* block) noexcept {
-    unsigned special = 0;
-    for (std::size_t i = 0; i < blockSize; ++i) {
-        const auto byte = static_cast<signed char>(block[i]);
-        special |= static_cast<unsigned>(byte < 0x20) | static_cast<unsigned>(byte == '"') |
-                   static_cast<unsigned>(byte == '\\');
-    }
-    return special == 0;
-}
 
 /// The length of the well-formed UTF-8 sequence of two bytes or more at `at`; 0 if there is none.
 std::ptrdiff_t sequenceLength(const char* at, const char* end) noexcept {
@@ -70,28 +53,39 @@ std::ptrdiff_t sequenceLength(const char* at, const char* end) noexcept {
 const char* findRunEnd(const char* at, const char* end) noexcept {
     const char* const limit = at + std::min(end - at, runLimit);
     while (at < limit) {
-        const std::ptrdiff_t room = limit - at;
-        if (room >= static_cast<std::ptrdiff_t>(blockSize) && isPlainBlock(at)) {
-            at += blockSize;
-            continue;
+        const std::ptrdiff_t length =
+            isPlain(*at) ? static_cast<std::ptrdiff_t>(
+                               plainLength({at, static_cast<std::size_t>(limit - at)}))
+                         : sequenceLength(at, end);
+        if (length == 0) {
+            return at;
         }
-        const char* const stop = at + std::min(room, static_cast<std::ptrdiff_t>(blockSize));
-        while (at < stop) {
-            const std::ptrdiff_t length = isPlain(*at) ? 1 : sequenceLength(at, end);
-            if (length == 0) {
-                return at;
-            }
-            at += length;
-        }
+        at += length;
     }
     return at;
 }
 
-/// Counts the text and notes which long strings need no escapes.
+/// A plain text that is not copied, and how much of the copied text stands before it.
+struct LentText {
+    std::size_t position;
+    std::string_view text;
+};
+
+/// Counts the text and notes which long strings need no escapes, and which are lent if any may be.
 struct MeasuringSink {
     void append(std::string_view text) noexcept { size += text.size(); }
+    void appendPlain(std::string_view text) {
+        if (lends && text.size() >= longString) {
+            lent.push_back({size, text});
+        } else {
+            append(text);
+        }
+    }
     bool takeNoteOfPlain() noexcept { return false; }
     void notePlain(bool plain) { plainNotes.push_back(plain); }
+
+    bool lends = false;
+    std::vector<LentText> lent;
 
     std::size_t size = 0;
     std::vector<bool> plainNotes;
@@ -100,17 +94,23 @@ struct MeasuringSink {
 /// Appends the text to a string, with the notes at hand.
 struct FillingSink {
     void append(std::string_view piece) { text.append(piece); }
-    bool takeNoteOfPlain() { return plainNotes[nextNote++]; }
+    void appendPlain(std::string_view piece) {
+        if (!measure.lends || piece.size() < longString) {
+            append(piece);
+        }
+    }
+    bool takeNoteOfPlain() { return measure.plainNotes[nextNote++]; }
     void notePlain(bool) noexcept {}
 
     std::string& text;
-    const std::vector<bool>& plainNotes;
+    const MeasuringSink& measure;
     std::size_t nextNote = 0;
 };
 
 /// Hands the text on to a sink of the caller's.
 struct ForwardingSink {
     void append(std::string_view text) { target.append(text); }
+    void appendPlain(std::string_view text) { append(text); }
     bool takeNoteOfPlain() noexcept { return false; }
     void notePlain(bool) noexcept {}
 
@@ -126,7 +126,7 @@ class TextMaker {
         if (const auto* number = value.number()) {
             writeNumber(*number);
         } else if (const auto* text = value.string()) {
-            writeString(*text);
+            value.isPlainText() ? writePlainText(*text) : writeString(*text);
         } else if (const auto* array = value.array()) {
             writeArray(*array);
         } else if (const auto* object = value.object()) {
@@ -172,6 +172,12 @@ class TextMaker {
             write(member.value);
         }
         sink_.append("}");
+    }
+
+    void writePlainText(std::string_view text) {
+        sink_.append("\"");
+        sink_.appendPlain(text);
+        sink_.append("\"");
     }
 
     void writeString(std::string_view text) {
@@ -239,20 +245,49 @@ class TextMaker {
     Sink& sink_;
 };
 
+std::string writeMeasured(const JsonValue& value, std::string_view prefix, std::string_view suffix,
+                          MeasuringSink& measure) {
+    measure.append(prefix);
+    TextMaker(measure).write(value);
+    measure.append(suffix);
+
+    std::string text;
+    text.reserve(measure.size);
+    preferLargePages(text.data(), text.capacity());
+    text.append(prefix);
+    FillingSink fill{text, measure};
+    TextMaker(fill).write(value);
+    text.append(suffix);
+    return text;
+}
+
 }  // namespace
 
 std::string writeJson(const JsonValue& value, std::string_view prefix, std::string_view suffix) {
     MeasuringSink measure;
-    TextMaker(measure).write(value);
+    return writeMeasured(value, prefix, suffix, measure);
+}
 
-    std::string text;
-    text.reserve(prefix.size() + measure.size + suffix.size());
-    preferLargePages(text.data(), text.capacity());
-    text.append(prefix);
-    FillingSink fill{text, measure.plainNotes};
-    TextMaker(fill).write(value);
-    text.append(suffix);
-    return text;
+JsonLine::JsonLine(const JsonValue& value, std::string_view prefix, std::string_view suffix) {
+    MeasuringSink measure;
+    measure.lends = true;
+    own_ = writeMeasured(value, prefix, suffix, measure);
+    const std::string_view own = own_;
+    std::size_t position = 0;
+    for (const LentText& lent : measure.lent) {
+        pieces_.push_back(own.substr(position, lent.position - position));
+        pieces_.push_back(lent.text);
+        position = lent.position;
+    }
+    pieces_.push_back(own.substr(position));
+}
+
+std::size_t JsonLine::size() const noexcept {
+    std::size_t size = 0;
+    for (const std::string_view piece : pieces_) {
+        size += piece.size();
+    }
+    return size;
 }
 
 void writeJson(const JsonValue& value, JsonTextSink& sink) {

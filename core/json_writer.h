@@ -1,7 +1,10 @@
 #pragma once
 
+#include <cstddef>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/json_value.h"
 
@@ -15,6 +18,25 @@ namespace corvane {
 /// Throws std::bad_alloc.
 std::string writeJson(const JsonValue& value, std::string_view prefix = {},
                       std::string_view suffix = {});
+
+/// The same text in pieces, one behind the other, which spares a copy of what is large: long plain
+/// texts are lent by the value, which must outlive the object.
+class JsonLine {
+ public:
+    /// Throws std::bad_alloc.
+    JsonLine(const JsonValue& value, std::string_view prefix, std::string_view suffix);
+    JsonLine(JsonLine&&) = delete;
+
+    /// Lent, until the object or the value ends.
+    [[nodiscard]] std::span<const std::string_view> pieces() const noexcept { return pieces_; }
+
+    /// How many bytes the pieces have together.
+    [[nodiscard]] std::size_t size() const noexcept;
+
+ private:
+    std::string own_;  ///< all that is not lent
+    std::vector<std::string_view> pieces_;
+};
 
 /// Takes JSON text piece by piece.
 class JsonTextSink {

@@ -1,5 +1,7 @@
 #include "core/read_loop.h"
 
+#include <poll.h>
+
 #include <algorithm>
 #include <new>
 #include <string_view>
@@ -23,6 +25,9 @@ namespace {
 
 bool delimiterPending = false;
 
+/// After so long without a request, memory that large ones have taken goes back.
+constexpr int idleMilliseconds = 100;
+
 constexpr char delimiter[] = "\xFF";
 
 /// So many channels may end in a row, each in silence and within a second, before reopening slows
@@ -38,10 +43,6 @@ JsonValue answerTo(RequestLine line) {
         return makeErrorResponse(genericError, "invalid JSON");
     }
     return dispatchRequest(std::get<JsonValue>(outcome));
-}
-
-void send(std::string_view output) {
-    platform().channelDevice.send(channelDescriptor(), output);
 }
 
 }  // namespace
@@ -64,6 +65,7 @@ void ReadLoop::run() {
 }
 
 void ReadLoop::pass() {
+    trimHeapWhenIdle();
     const ssize_t received = platform().channelDevice.receive(channelDescriptor(), readBuffer_);
     if (received <= 0) {
         followEndedChannel();
@@ -75,6 +77,20 @@ void ReadLoop::pass() {
         if (!line->empty()) {
             answer(std::move(*line));
         }
+    }
+}
+
+/// Large messages come in numbers: the next one uses the memory of the one before. When none has
+/// come for a moment, or the host is gone, the memory goes back.
+void ReadLoop::trimHeapWhenIdle() {
+    if (!heapHasGrown_ || pending_.size() > 0) {
+        return;
+    }
+    pollfd waited{channelDescriptor(), POLLIN, 0};
+    ::poll(&waited, 1, idleMilliseconds);
+    if ((waited.revents & POLLIN) == 0) {
+        trimHeap();
+        heapHasGrown_ = false;
     }
 }
 
@@ -121,21 +137,23 @@ void ReadLoop::answer(RequestLine line) {
     std::size_t largest = sizeOf(line);
     try {
         const JsonValue response = answerTo(std::move(line));
-        const std::string output = writeJson(response, delimiterPending ? delimiter : "", "\n");
+        const JsonLine output(response, delimiterPending ? delimiter : "", "\n");
         delimiterPending = false;
-        send(output);
+        platform().channelDevice.send(channelDescriptor(), output.pieces());
         largest = std::max(largest, output.size());
     } catch (const std::bad_alloc&) {
         sendOutOfMemory();
     }
-    if (largest >= largeMessage) {
+    heapHasGrown_ = heapHasGrown_ || largest >= largeMessage;
+    if (largest >= hugeMessage) {
         trimHeap();
     }
 }
 
 void ReadLoop::sendOutOfMemory() noexcept {
     const std::string_view line = outOfMemoryLine_;
-    send(std::exchange(delimiterPending, false) ? line : line.substr(1));
+    platform().channelDevice.send(channelDescriptor(),
+                                  std::exchange(delimiterPending, false) ? line : line.substr(1));
 }
 
 }  // namespace corvane

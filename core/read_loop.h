@@ -27,6 +27,7 @@ class ReadLoop {
     void pass();
 
  private:
+    void trimHeapWhenIdle();
     void followEndedChannel();
     void takeInput(std::span<const char> bytes);
     std::optional<RequestLine> nextLine();
@@ -40,6 +41,8 @@ class ReadLoop {
     /// Made beforehand: the answer when there is no memory for another, between delimiter and line
     /// feed.
     const std::string outOfMemoryLine_;
+
+    bool heapHasGrown_ = false;  ///< with a large message, and was not trimmed since
 
     std::chrono::steady_clock::time_point openedAt_ = std::chrono::steady_clock::now();
     bool channelIsSilent_ = true;  ///< has brought no byte yet

@@ -95,7 +95,7 @@ void prepare(ThreadEntry reapChildren) {
 }  // namespace
 
 void runAgent(ThreadEntry reapChildren) {
-    keepHeapSmall();
+    limitHeap();
     ignoreFailedWrites();
     try {
         prepare(reapChildren);

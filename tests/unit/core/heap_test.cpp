@@ -18,7 +18,7 @@ namespace {
 
 TEST(Heap, MemorySufficesForWhatAnyMachineHas) {
     for (const std::uint64_t bytes : {std::uint64_t{0}, std::uint64_t{1},
-                                      std::uint64_t{largeMessage}, std::uint64_t{8} << 20U}) {
+                                      std::uint64_t{hugeMessage}, std::uint64_t{8} << 20U}) {
         EXPECT_TRUE(memorySuffices(bytes)) << bytes;
     }
 }
@@ -53,7 +53,7 @@ TEST(Heap, WithoutADescriptorLeftItTakesWhatIsFree) {
     const int status = exitStatusOf([] {
         const rlimit none{0, 0};
         ::setrlimit(RLIMIT_NOFILE, &none);
-        const bool little = memorySuffices(largeMessage);
+        const bool little = memorySuffices(hugeMessage);
         const bool all = memorySuffices(std::numeric_limits<std::uint64_t>::max() / 2);
         ::_exit(little && !all ? 0 : 1);
     });
@@ -81,7 +81,7 @@ TEST(Heap, RequiredMemoryThatCannotBeHadIsAnException) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "a sanitizer's allocator ends the process instead";
 #endif
-    requireMemory(largeMessage);
+    requireMemory(hugeMessage);
     EXPECT_THROW(requireMemory(std::size_t{1} << 62U), std::bad_alloc);
 }
 

@@ -145,6 +145,46 @@ TEST(JsonWriter, TakesExactlyTheMemoryThatTheTextNeeds) {
     EXPECT_EQ(text.capacity(), text.size());
 }
 
+TEST(JsonWriter, WritesPlainTextLikeAnyOther) {
+    for (const std::size_t size : {0U, 1U, 4095U, 4096U, 100'000U}) {
+        const std::string text(size, 'x');
+        EXPECT_EQ(writeJson(JsonArray{PlainText{text}, text}), writeJson(JsonArray{text, text}));
+    }
+}
+
+std::string joined(const JsonLine& line) {
+    std::string whole;
+    for (const std::string_view piece : line.pieces()) {
+        whole += piece;
+    }
+    EXPECT_EQ(line.size(), whole.size());
+    return whole;
+}
+
+TEST(JsonLine, IsTheSameText) {
+    const std::string text(5'000, 'x');
+    const std::string awkward(5'000, '\x01');
+    const std::vector<JsonValue> values = {
+        JsonArray{},
+        JsonArray{text, awkward},
+        JsonArray{PlainText{text}},
+        JsonArray{PlainText{text}, PlainText{text}},
+        JsonArray{PlainText{"short"}, awkward, PlainText{text}, text},
+        JsonObject{{"a", PlainText{text}}, {text, awkward}, {"b", JsonArray{PlainText{text}}}}};
+    for (const JsonValue& value : values) {
+        EXPECT_EQ(joined(JsonLine(value, "\xFF", "\n")), writeJson(value, "\xFF", "\n"));
+    }
+}
+
+TEST(JsonLine, LendsALongPlainTextAndCopiesNoOther) {
+    const JsonValue value = JsonArray{PlainText{std::string(100'000, 'x')},
+                                      std::string(100'000, 'x'), PlainText{"short"}};
+    const JsonLine line(value, "", "\n");
+    ASSERT_EQ(line.pieces().size(), 3U);
+    EXPECT_EQ(line.pieces()[1].data(), arrayOf(value)[0].string()->data());
+    EXPECT_EQ(line.pieces()[1].size(), 100'000U);
+}
+
 class CollectingSink final : public JsonTextSink {
  public:
     void append(std::string_view text) override { text_ += text; }

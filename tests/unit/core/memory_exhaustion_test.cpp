@@ -53,7 +53,11 @@ class PiecewiseDevice : public ChannelDevice {
         std::copy(piece.begin(), piece.end(), buffer.begin());
         return static_cast<ssize_t>(piece.size());
     }
-    void send(int /*descriptor*/, std::string_view bytes) noexcept override { sent += bytes; }
+    void send(int /*descriptor*/, std::span<const std::string_view> parts) noexcept override {
+        for (const std::string_view part : parts) {
+            sent += part;
+        }
+    }
     void closeChannel(int /*descriptor*/) noexcept override {}
 
     std::vector<std::string> pieces;

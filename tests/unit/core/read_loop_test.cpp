@@ -289,7 +289,11 @@ class ScriptedChannelDevice : public ChannelDevice {
         std::copy(bytes.begin(), bytes.end(), buffer.begin());
         return static_cast<ssize_t>(bytes.size());
     }
-    void send(int /*descriptor*/, std::string_view bytes) noexcept override { sent += bytes; }
+    void send(int /*descriptor*/, std::span<const std::string_view> pieces) noexcept override {
+        for (const std::string_view piece : pieces) {
+            sent += piece;
+        }
+    }
     void closeChannel(int /*descriptor*/) noexcept override {}
 
     std::string repeated;
