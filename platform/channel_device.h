@@ -33,9 +33,13 @@ class ChannelDevice {
     /// yet, or not again, is waited on: it has not ended.
     virtual ssize_t receive(int descriptor, std::span<char> buffer) = 0;
 
-    /// Sends `bytes` in one go. A peer that has vanished loses them; one that merely doesn't read
-    /// is waited for. Nothing is reported: the next `receive` finds out.
-    virtual void send(int descriptor, std::string_view bytes) noexcept = 0;
+    /// Sends the pieces as one run of bytes, in one go. A peer that has vanished loses them; one
+    /// that merely doesn't read is waited for. Nothing is reported: the next `receive` finds out.
+    virtual void send(int descriptor, std::span<const std::string_view> pieces) noexcept = 0;
+
+    void send(int descriptor, std::string_view bytes) noexcept {
+        send(descriptor, std::span<const std::string_view>(&bytes, 1));
+    }
 
     /// Lets go of a channel descriptor that has ended; -1 is none.
     virtual void closeChannel(int descriptor) noexcept = 0;

@@ -5,8 +5,11 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
@@ -17,30 +20,40 @@
 namespace corvane {
 namespace {
 
+/// More than any response has.
+constexpr std::size_t piecesAtOnce = 16;
+
 constexpr int serialOpenFlags = O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
 ssize_t receiveFromAny(int descriptor, std::span<char> buffer) {
     for (;;) {
+        const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
+        if (count >= 0 || (errno != EINTR && errno != EAGAIN)) {
+            return count;
+        }
+        // A channel that does not let its reader wait.
         pollfd waited{descriptor, POLLIN, 0};
-        if (::poll(&waited, 1, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
+        if (errno == EAGAIN && ::poll(&waited, 1, -1) < 0 && errno != EINTR) {
             return -1;
         }
-        const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
-        // Readiness may have been for nothing, or gone to another reader.
-        if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
-            continue;
-        }
-        return count;
     }
 }
 
-void sendToAny(int descriptor, std::string_view bytes) noexcept {
+void sendAtOnce(int descriptor, std::span<const std::string_view> pieces) noexcept {
+    std::array<iovec, piecesAtOnce> vectors;
+    std::transform(pieces.begin(), pieces.end(), vectors.begin(), [](std::string_view piece) {
+        return iovec{const_cast<char*>(piece.data()), piece.size()};  // NOLINT: only read
+    });
     // EINTR says that a signal came before a single byte went out: the one write has not been
     // made yet. A signal that comes later makes a short count of it, which stays one.
-    while (::write(descriptor, bytes.data(), bytes.size()) < 0 && errno == EINTR) {
+    while (::writev(descriptor, vectors.data(), static_cast<int>(pieces.size())) < 0 &&
+           errno == EINTR) {
+    }
+}
+
+void sendToAny(int descriptor, std::span<const std::string_view> pieces) noexcept {
+    for (; !pieces.empty(); pieces = pieces.subspan(std::min(pieces.size(), piecesAtOnce))) {
+        sendAtOnce(descriptor, pieces.first(std::min(pieces.size(), piecesAtOnce)));
     }
 }
 
@@ -127,15 +140,15 @@ ssize_t LinuxChannelDevice::receive(int descriptor, std::span<char> buffer) {
     return open != nullptr ? open->port.receive(buffer) : receiveFromAny(descriptor, buffer);
 }
 
-void LinuxChannelDevice::send(int descriptor, std::string_view bytes) noexcept {
+void LinuxChannelDevice::send(int descriptor, std::span<const std::string_view> pieces) noexcept {
     if (descriptor < 0) {
         return;
     }
     parked_.reset();
     if (OpenPort* const open = findPort(descriptor)) {
-        open->port.send(bytes);
+        open->port.send(pieces);
     } else {
-        sendToAny(descriptor, bytes);
+        sendToAny(descriptor, pieces);
     }
 }
 

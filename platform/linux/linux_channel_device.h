@@ -25,7 +25,8 @@ class LinuxChannelDevice final : public ChannelDevice {
     int claimExclusive(int descriptor) override;
     int clearStatusFlags(int descriptor) override;
     ssize_t receive(int descriptor, std::span<char> buffer) override;
-    void send(int descriptor, std::string_view bytes) noexcept override;
+    using ChannelDevice::send;
+    void send(int descriptor, std::span<const std::string_view> pieces) noexcept override;
     void closeChannel(int descriptor) noexcept override;
 
  private:

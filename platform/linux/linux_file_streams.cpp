@@ -3,7 +3,7 @@
 // - Its descriptors are inherited. The letter e of the mode mends that from the start.
 // - A session leader without a controlling terminal, as every service is, gets one from any
 //   terminal that it opens, and is ended when that terminal hangs up. There is no letter for
-//   O_NOCTTY, so that a terminal is opened as a descriptor first.
+//   O_NOCTTY, so that a terminal is opened as a descriptor, and put under a stream.
 // - The letter m maps the file into memory: whoever shortens it then ends the reader with SIGBUS.
 //   Nothing but speed depends on the letter, and it is not passed on.
 
@@ -11,6 +11,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -22,20 +23,17 @@ namespace corvane {
 
 namespace {
 
-/// glibc looks at no more of a mode than this, and at what follows a comma in a way of its own.
+/// glibc looks at no more of a mode than this, be it a letter, a comma or what follows that.
 constexpr std::size_t letterCount = 7;
 
-std::string_view lettersOf(std::string_view mode) {
-    return mode.substr(0, std::min(mode.find(','), letterCount));
-}
-
 bool hasLetter(std::string_view mode, char letter) {
-    return lettersOf(mode).find(letter) != std::string_view::npos;
+    return mode.substr(0, letterCount).find(letter) != std::string_view::npos;
 }
 
+/// The large letter means nothing, and the same in the name of a character set.
 std::string withoutMapping(std::string mode) {
-    const auto letters = static_cast<std::ptrdiff_t>(lettersOf(mode).size());
-    std::replace(mode.begin(), mode.begin() + letters, 'm', 'b');  // which means nothing here
+    const auto letters = static_cast<std::ptrdiff_t>(std::min(mode.size(), letterCount));
+    std::replace(mode.begin(), mode.begin() + letters, 'm', 'M');
     return mode;
 }
 
@@ -63,15 +61,17 @@ int openFlags(std::string_view mode) {
     return flags;
 }
 
+/// fdopen(3) understands less of a mode than fopen(3): fewer letters, and no character set. So the
+/// stream is made on another device, and gets its own after that.
 OwnedStream openCharacterDevice(const std::string& path, const std::string& mode) {
     constexpr mode_t everybody = 0666;  // less the umask, as fopen(3) makes a file
-    DescriptorGuard device(::open(path.c_str(), openFlags(mode), everybody));
+    const DescriptorGuard device(::open(path.c_str(), openFlags(mode), everybody));
     if (device.empty()) {
         return nullptr;
     }
-    OwnedStream stream(::fdopen(device.borrow(), mode.c_str()));
-    if (stream != nullptr) {
-        static_cast<void>(device.release());
+    OwnedStream stream(std::fopen("/dev/null", mode.c_str()));
+    if (stream != nullptr && ::dup3(device.borrow(), ::fileno(stream.get()), O_CLOEXEC) == -1) {
+        return nullptr;
     }
     return stream;
 }

@@ -50,32 +50,43 @@ ssize_t VirtioPort::receive(std::span<char> buffer) {
     }
 }
 
-void VirtioPort::send(std::string_view bytes) {
+void VirtioPort::send(std::span<const std::string_view> pieces) {
     // The host may leave between a wait and the write after it, and a blocking write would then
     // hold the agent until another host connects.
     const int flags = calls_.statusFlags();
     if (flags < 0 || calls_.setStatusFlags(flags | O_NONBLOCK) < 0) {
         return;
     }
-    sendPieces(bytes);
+    sendToTheEnd(pieces);
     calls_.setStatusFlags(flags);
 }
 
-void VirtioPort::sendPieces(std::string_view bytes) {
-    const std::size_t whole = bytes.size();
-    while (!bytes.empty()) {
-        const bool begun = bytes.size() < whole;
-        if (!hostTakesOutput(begun)) {
+void VirtioPort::sendToTheEnd(std::span<const std::string_view> pieces) {
+    bool begun = false;
+    for (const std::string_view piece : pieces) {
+        if (!sendPiece(piece, begun)) {
             return;
+        }
+        begun = begun || !piece.empty();
+    }
+}
+
+/// False when the host has left, or the device refuses.
+bool VirtioPort::sendPiece(std::string_view bytes, bool begun) {
+    while (!bytes.empty()) {
+        if (!hostTakesOutput(begun)) {
+            return false;
         }
         const ssize_t count = calls_.write(bytes);
         if (count > 0) {
             bytes.remove_prefix(static_cast<std::size_t>(count));
+            begun = true;
         } else if (count == 0 || (errno != EINTR && errno != EAGAIN)) {
             // The kernel says 0 when the device refuses a piece for good: trying again would spin.
-            return;
+            return false;
         }
     }
+    return true;
 }
 
 /// A host that is not shown any more has left in the middle of what has `begun`. Before that it may

@@ -22,9 +22,11 @@ class VirtioPort {
     /// As `ChannelDevice::receive`.
     ssize_t receive(std::span<char> buffer);
 
-    /// As `ChannelDevice::send`: in the pieces that the kernel takes, until all is out or the host
+    /// As `ChannelDevice::send`: as much at once as the kernel takes, until all is out or the host
     /// has left.
-    void send(std::string_view bytes);
+    void send(std::span<const std::string_view> pieces);
+
+    void send(std::string_view bytes) { send(std::span<const std::string_view>(&bytes, 1)); }
 
     /// Whether the last `receive` has told the end of input, as opposed to bytes or an error.
     [[nodiscard]] bool inputHasEnded() const noexcept { return inputHasEnded_; }
@@ -37,7 +39,8 @@ class VirtioPort {
         gone,    ///< not shown, and waited for in vain: its end is still to be told
     };
 
-    void sendPieces(std::string_view bytes);
+    void sendToTheEnd(std::span<const std::string_view> pieces);
+    bool sendPiece(std::string_view bytes, bool begun);
     bool hostTakesOutput(bool begun);
     bool noticeMayHaveCome();
 

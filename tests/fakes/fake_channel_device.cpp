@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <array>
@@ -45,9 +46,14 @@ ssize_t FakeChannelDevice::receive(int descriptor, std::span<char> buffer) {
     return ::read(descriptor, buffer.data(), buffer.size());
 }
 
-void FakeChannelDevice::send(int descriptor, std::string_view bytes) noexcept {
+void FakeChannelDevice::send(int descriptor, std::span<const std::string_view> pieces) noexcept {
     note("send");
-    [[maybe_unused]] const ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+    std::vector<iovec> vectors;
+    for (const std::string_view piece : pieces) {
+        vectors.push_back({const_cast<char*>(piece.data()), piece.size()});  // NOLINT: only read
+    }
+    [[maybe_unused]] const ssize_t count =
+        ::writev(descriptor, vectors.data(), static_cast<int>(vectors.size()));
 }
 
 void FakeChannelDevice::closeChannel(int descriptor) noexcept {

@@ -100,6 +100,9 @@ class FakeVsockSockets : public VsockSockets {
         if (createError != 0) {
             return SystemError{createError};
         }
+        if (!nextSocket.empty()) {
+            return std::move(nextSocket);
+        }
         std::array<int, 2> ends{};
         if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
             return SystemError{errno};
@@ -119,6 +122,7 @@ class FakeVsockSockets : public VsockSockets {
     int lastDescriptor = -1;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> connections;  ///< context id, port
     std::vector<DescriptorGuard> hostEnds;
+    DescriptorGuard nextSocket;  ///< where there is one, it is given out instead of making one
 };
 
 /// The C library's own streams.

@@ -13,7 +13,9 @@
 #include <cerrno>
 #include <semaphore.h>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 #include "tests/unit/platform/linux/channel_device_fixture.h"
 
@@ -110,6 +112,42 @@ TEST_F(ChannelDeviceTest, AResponseIsOneWrite) {
     device_.send(sender.borrow(), response);
     std::string packet(80000, '\0');
     EXPECT_EQ(::read(receiver.borrow(), packet.data(), packet.size()), 40000);
+}
+
+TEST_F(ChannelDeviceTest, AResponseInPiecesIsOneWrite) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
+    const DescriptorGuard sender(ends[0]);
+    const DescriptorGuard receiver(ends[1]);
+    const std::string text(40000, 'x');
+    const std::array<std::string_view, 3> pieces = {"before", text, "after\n"};
+    device_.send(sender.borrow(), pieces);
+    std::string packet(80000, '\0');
+    const ssize_t count = ::read(receiver.borrow(), packet.data(), packet.size());
+    packet.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    EXPECT_EQ(packet, "before" + text + "after\n");
+}
+
+TEST_F(ChannelDeviceTest, AnyNumberOfPiecesGoesOutWholeAndInOrder) {
+    std::vector<std::string> texts;
+    std::string whole;
+    for (int number = 0; number < 50; ++number) {
+        texts.push_back(std::to_string(number) + ",");
+        whole += texts.back();
+    }
+    for (std::size_t count = 1; count <= texts.size(); ++count) {
+        const std::vector<std::string_view> pieces(texts.begin(),
+                                                   texts.begin() + static_cast<long>(count));
+        device_.send(ours_.borrow(), pieces);
+        std::string expected;
+        for (const std::string_view piece : pieces) {
+            expected += piece;
+        }
+        std::string received(expected.size(), '\0');
+        ASSERT_EQ(::recv(peer_.borrow(), received.data(), received.size(), MSG_WAITALL),
+                  static_cast<ssize_t>(expected.size()));
+        EXPECT_EQ(received, expected);
+    }
 }
 
 TEST_F(ChannelDeviceTest, AShortWriteIsNotMadeUpForOnAnOrdinaryChannel) {

@@ -15,6 +15,7 @@ TEST(LinuxPlatform, LendsItsAdaptersWhileItIsInstalled) {
     EXPECT_NE(dynamic_cast<LinuxPrivateDirectory*>(&platform().privateDirectory), nullptr);
     EXPECT_NE(dynamic_cast<LinuxTerminals*>(&platform().terminals), nullptr);
     EXPECT_NE(dynamic_cast<LinuxProcessInformation*>(&platform().processInformation), nullptr);
+    EXPECT_NE(dynamic_cast<LinuxFileStreams*>(&platform().fileStreams), nullptr);
 }
 
 TEST(LinuxPlatform, DoesNotOfferARemoteLoginThatItCannotSwitch) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
@@ -173,6 +174,25 @@ TEST_F(VirtioPortTest, ALongResponseGoesOutWholeAndInOrder) {
     port_.send(response);
     EXPECT_EQ(model_.outbound, response);
     EXPECT_GT(model_.writes, 2);
+}
+
+TEST_F(VirtioPortTest, PiecesGoOutWholeAndInOrder) {
+    model_.connect();
+    const std::string text(100'000, 'x');
+    const std::array<std::string_view, 4> pieces = {"before", text, "", "after\n"};
+    port_.send(pieces);
+    EXPECT_EQ(model_.outbound, "before" + text + "after\n");
+    EXPECT_EQ(model_.flags, O_RDWR);
+}
+
+TEST_F(VirtioPortTest, AHostThatLeavesBetweenTwoPiecesLosesTheRest) {
+    model_.connect();
+    model_.space = 6;
+    model_.then([](PortModel& model) { model.leave(); });
+    const std::array<std::string_view, 3> pieces = {"before", "text", "after\n"};
+    port_.send(pieces);
+    EXPECT_EQ(model_.outbound, "before");
+    EXPECT_EQ(model_.flags, O_RDWR);
 }
 
 TEST_F(VirtioPortTest, AHostThatReadsSlowlyGetsEverything) {
