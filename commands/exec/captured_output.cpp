@@ -86,7 +86,7 @@ std::string encodeFile(int descriptor, std::size_t size) {
 
 }  // namespace
 
-std::string readCapturedOutput(int descriptor, std::size_t heldLength) {
+PlainText readCapturedOutput(int descriptor) {
     struct stat file {};
     if (::fstat(descriptor, &file) != 0) {
         return {};
@@ -94,8 +94,8 @@ std::string readCapturedOutput(int descriptor, std::size_t heldLength) {
     // A program may write as fast as it is read here: what comes later is for the next poll.
     const auto size = static_cast<std::size_t>(file.st_size);
     try {
-        if (base64FitsMemory(size, heldLength)) {
-            return encodeFile(descriptor, size);
+        if (memorySuffices(base64Length(size))) {
+            return {encodeFile(descriptor, size)};
         }
     } catch (const std::bad_alloc&) {
         // Not at this size, whatever was said before.

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <cstddef>
-#include <string>
+#include "core/json_value.h"
 
 namespace corvane {
 
@@ -9,10 +8,7 @@ namespace corvane {
 /// at the start of the call, in base64. "" when the file cannot be read, and when memory for the
 /// text cannot be had, which the status log then says.
 ///
-/// `heldLength` is how much other captured text the same response carries. Memory is asked for
-/// what is still to come: this text, and the response's line, which holds all text once more.
-///
 /// The offset of the descriptor stays as it is. Main thread.
-std::string readCapturedOutput(int descriptor, std::size_t heldLength);
+PlainText readCapturedOutput(int descriptor);
 
 }  // namespace corvane

@@ -26,11 +26,12 @@ constexpr std::uint32_t stoppedMark = 0x7F;  ///< in place of a signal: stopped,
 constexpr std::uint32_t exitCodeMask = 0xFF;
 constexpr std::uint32_t exitCodeShift = 8;
 
+/// Ample for the line that is made of the response later; the output is not copied into it.
+constexpr std::size_t lineWithoutOutput = 1024;
+
 void addOutput(JsonObject& result, const ProcessRecord& record) {
-    std::string output = readCapturedOutput(record.outFd, 0);
-    const std::size_t outputLength = output.size();
-    result.add("out-data", std::move(output));
-    result.add("err-data", readCapturedOutput(record.errFd, outputLength));
+    result.add("out-data", readCapturedOutput(record.outFd));
+    result.add("err-data", readCapturedOutput(record.errFd));
 }
 
 void addEnd(JsonObject& result, std::int32_t status) {
@@ -65,17 +66,6 @@ void releaseCaptureFiles(const ProcessRecord& record) noexcept {
     ::unlink(record.errPath.c_str());
 }
 
-/// About as long as the line that is made of the response later.
-std::size_t lineLength(const JsonValue& response) {
-    constexpr std::size_t besideOutput = 256;
-    std::size_t length = besideOutput;
-    for (const JsonMember& member : response.object()->find("return")->object()->members()) {
-        const std::string* text = member.value.string();
-        length += text != nullptr ? text->size() : 0;
-    }
-    return length;
-}
-
 }  // namespace
 
 JsonValue handleGuestExecStatus(const JsonObject* arguments) {
@@ -91,7 +81,7 @@ JsonValue handleGuestExecStatus(const JsonObject* arguments) {
     }
     JsonValue response = describe(*record);
     if (!record->running) {
-        requireMemory(lineLength(response));
+        requireMemory(lineWithoutOutput);
         if (record->captureOutput) {
             releaseCaptureFiles(*record);
         }

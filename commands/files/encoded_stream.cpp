@@ -35,8 +35,9 @@ class GrowingText {
     /// Makes room for what is expected. To be wrong about it costs nothing: room that is not filled
     /// is no memory.
     explicit GrowingText(std::uint64_t expectedBytes) {
-        if (base64FitsMemory(expectedBytes, 0)) {
-            reserve(base64Length(expectedBytes));
+        const std::uint64_t size = base64Length(expectedBytes);
+        if (memorySuffices(size)) {
+            reserve(size);
         }
     }
 
@@ -45,8 +46,7 @@ class GrowingText {
         const std::size_t needed = end + base64Length(bytes.size());
         if (needed > text_.capacity()) {
             const std::size_t wanted = std::max(needed, 2 * text_.capacity());
-            // The text moves to its new room, and then there is the line.
-            if (!memorySuffices(2 * wanted - end)) {
+            if (!memorySuffices(wanted)) {  // the old room stays until the text has moved
                 throw std::bad_alloc();
             }
             reserve(wanted);
@@ -55,11 +55,7 @@ class GrowingText {
         encodeBase64(bytes, text_.data() + end);
     }
 
-    std::string take() {
-        constexpr std::size_t besideText = 256;
-        requireMemory(text_.size() + besideText);  // the line
-        return std::move(text_);
-    }
+    std::string take() noexcept { return std::move(text_); }
 
  private:
     void reserve(std::size_t size) {
@@ -80,14 +76,13 @@ std::size_t readPiece(std::FILE* stream, std::array<char, pieceSize>& piece, std
     return count;
 }
 
-/// Gives back what was read and cannot be answered. A stream without a position has lost it.
+}  // namespace
+
 void unread(std::FILE* stream, std::uint64_t count) noexcept {
     if (count > 0) {
         std::fseek(stream, -static_cast<long>(count), SEEK_CUR);
     }
 }
-
-}  // namespace
 
 EncodedBytes readEncoded(std::FILE* stream, std::uint64_t count) {
     EncodedBytes read;

@@ -17,8 +17,11 @@ struct EncodedBytes {
 /// fails, which its indicators tell. `count` may be any number: memory is used for what there is to
 /// read.
 ///
-/// Throws std::bad_alloc when memory does not suffice for the text and for the response's line,
-/// which holds it once more. The position of a stream that has one is then as it was before.
+/// Throws std::bad_alloc when memory does not suffice for the text. The position of a stream that
+/// has one is then as it was before.
 EncodedBytes readEncoded(std::FILE* stream, std::uint64_t count);
+
+/// Gives back what was read and cannot be answered. A stream without a position has lost it.
+void unread(std::FILE* stream, std::uint64_t count) noexcept;
 
 }  // namespace corvane

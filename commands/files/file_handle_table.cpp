@@ -11,7 +11,8 @@ std::uint64_t fileHandle(std::FILE* stream) noexcept {
 std::FILE* requireFile(ArgumentReader& reader) {
     const std::uint64_t handle = reader.requireNumber("handle").asUnsigned64();
     // Only compared until it is found: it may be any number.
-    const auto found = fileHandleTable.find(reinterpret_cast<std::FILE*>(handle));
+    auto* const stream = reinterpret_cast<std::FILE*>(handle);  // NOLINT(performance-no-int-to-ptr)
+    const auto found = fileHandleTable.find(stream);
     if (found == fileHandleTable.end()) {
         reader.fail("handle is not a valid file");
         return nullptr;

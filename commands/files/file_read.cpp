@@ -1,5 +1,7 @@
 #include "commands/files/file_read.h"
 
+#include <new>
+
 #include "commands/files/encoded_stream.h"
 #include "commands/files/file_answers.h"
 #include "commands/files/file_handle_table.h"
@@ -9,7 +11,21 @@
 namespace corvane {
 
 namespace {
+
 constexpr std::uint64_t defaultCount = 4096;
+
+/// What the host is not told it has not read.
+JsonValue describeRead(std::FILE* stream, EncodedBytes bytes) {
+    try {
+        JsonObject result = transferResult(bytes.count, stream);
+        result.add("buf-b64", PlainText{std::move(bytes.text)});
+        return makeSuccessResponse(std::move(result));
+    } catch (const std::bad_alloc&) {
+        unread(stream, bytes.count);
+        throw;
+    }
+}
+
 }  // namespace
 
 JsonValue handleGuestFileRead(const JsonObject* arguments) {
@@ -24,9 +40,7 @@ JsonValue handleGuestFileRead(const JsonObject* arguments) {
     if (bytes.count < count && std::ferror(stream) != 0) {
         return streamFailure("fread", bytes.error);
     }
-    JsonObject result = transferResult(bytes.count, stream);
-    result.add("buf-b64", std::move(bytes.text));
-    return makeSuccessResponse(std::move(result));
+    return describeRead(stream, std::move(bytes));
 }
 
 }  // namespace corvane
