@@ -7,6 +7,11 @@
 
 #include "commands/exec/exec.h"
 #include "commands/exec/exec_status.h"
+#include "commands/files/file_close.h"
+#include "commands/files/file_open.h"
+#include "commands/files/file_read.h"
+#include "commands/files/file_seek.h"
+#include "commands/files/file_write.h"
 #include "commands/handshake/ping.h"
 #include "core/channel.h"
 #include "core/command_table.h"
@@ -20,10 +25,15 @@ JsonValue ignoreArguments(const JsonObject* /*arguments*/) {
     return JsonObject();
 }
 
-const std::array<Command, 4> commands = {{
+const std::array<Command, 9> commands = {{
     {"guest-ping", handleGuestPing, 1, ReportCondition::always},
     {"guest-exec", handleGuestExec, 3, ReportCondition::always},
     {"guest-exec-status", handleGuestExecStatus, 4, ReportCondition::always},
+    {"guest-file-open", handleGuestFileOpen, 5, ReportCondition::always},
+    {"guest-file-close", handleGuestFileClose, 6, ReportCondition::always},
+    {"guest-file-read", handleGuestFileRead, 7, ReportCondition::always},
+    {"guest-file-write", handleGuestFileWrite, 8, ReportCondition::always},
+    {"guest-file-seek", handleGuestFileSeek, 9, ReportCondition::always},
     {"ignore", ignoreArguments, 2, ReportCondition::always},
 }};
 

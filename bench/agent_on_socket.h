@@ -30,8 +30,8 @@ class SocketChannelDevice final : public ChannelDevice {
     ssize_t receive(int descriptor, std::span<char> buffer) override {
         return device_.receive(descriptor, buffer);
     }
-    void send(int descriptor, std::string_view bytes) noexcept override {
-        device_.send(descriptor, bytes);
+    void send(int descriptor, std::span<const std::string_view> pieces) noexcept override {
+        device_.send(descriptor, pieces);
     }
     void closeChannel(int descriptor) noexcept override { device_.closeChannel(descriptor); }
 
@@ -48,22 +48,22 @@ class BenchPlatform {
     BenchPlatform();
 
     SocketChannelDevice channelDevice;
+    FakeVsockSockets vsockSockets;
 
  private:
     NullSystemLog systemLog_;
     FakeFirmware firmware_;
     FakeSerialDevices serialDevices_;
     FakeHypervisor hypervisor_;
-    FakeVsockSockets vsockSockets_;
     FakeRemoteLogin remoteLogin_;
     FakeAccounts accounts_;
     FakePrivateDirectory privateDirectory_;
     FakeTerminals terminals_;
     FakeProcessInformation processInformation_;
     FakeFileStreams fileStreams_;
-    Platform services_{systemLog_,        firmware_,     serialDevices_,      hypervisor_,
-                       channelDevice,     vsockSockets_, remoteLogin_,        accounts_,
-                       privateDirectory_, terminals_,    processInformation_, fileStreams_};
+    Platform services_{systemLog_,        firmware_,    serialDevices_,      hypervisor_,
+                       channelDevice,     vsockSockets, remoteLogin_,        accounts_,
+                       privateDirectory_, terminals_,   processInformation_, fileStreams_};
     PlatformScope scope_{services_};
 };
 
