@@ -5,12 +5,14 @@
 #include <iomanip>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
 #include "tests/vm/support/base64.h"
+#include "tests/vm/support/checksum.h"
 #include "tests/vm/support/virtual_machine.h"
 #include "tests/vm/support/vsock_peer.h"
 #include "tests/vm/support/wire_terminal.h"
@@ -22,8 +24,17 @@ using corvane::vm::HostClient;
 using corvane::vm::VirtualMachine;
 using corvane::vm::VsockPeer;
 
-/// The marker byte is no text: it is shown by its number.
-std::string readable(const std::string& line) {
+/// The marker byte is no text: it is shown by its number. Of a file's bytes the first are enough.
+std::string readable(std::string line) {
+    constexpr std::size_t shown = 24;
+    const std::string key = "\"buf-b64\":\"";
+    if (const std::size_t start = line.find(key); start != std::string::npos) {
+        const std::size_t bytes = start + key.size();
+        const std::size_t length = line.find('"', bytes) - bytes;
+        if (length > shown) {
+            line.replace(bytes + shown, length - shown, "...");
+        }
+    }
     return line.starts_with('\xFF') ? "<FF>" + line.substr(1) : line;
 }
 
@@ -85,8 +96,7 @@ void type(VsockPeer& terminal, const std::string& line, const std::string& answe
 }
 
 /// A shell on a terminal whose other end is a vsock connection; the host changes its size.
-void resize(VirtualMachine& machine, HostClient& host) {
-    VsockPeer terminal(machine);
+void resize(HostClient& host, VsockPeer& terminal) {
     const object program{
         {"path", "/bin/sh"},
         {"arg", {"-i"}},
@@ -111,7 +121,81 @@ void resize(VirtualMachine& machine, HostClient& host) {
     showEnd(host, pid);
 }
 
+void showChecksum(const std::string& bytes) {
+    showLines("host", corvane::vm::sha256(bytes) + "  " + std::to_string(bytes.size()) + " bytes");
+}
+
+std::uint64_t openFile(HostClient& host, const std::string& what, const object& arguments) {
+    const std::string answer = show(host, what, requestOf("guest-file-open", arguments));
+    return boost::json::parse(answer).at("return").to_number<std::uint64_t>();
+}
+
+void closeFile(HostClient& host, std::uint64_t handle) {
+    show(host, "Close it:", requestOf("guest-file-close", {{"handle", handle}}));
+}
+
+constexpr std::size_t pieceSize = 2048;
+constexpr char guestPath[] = "/tmp/from-the-host";
+
+void pushFile(HostClient& host, const std::string& bytes) {
+    const auto handle =
+        openFile(host, "Make a file in the guest:", {{"path", guestPath}, {"mode", "w"}});
+    for (std::size_t start = 0; start < bytes.size(); start += pieceSize) {
+        const std::string piece = corvane::vm::encodeBase64(bytes.substr(start, pieceSize));
+        show(host, "Write a piece of it:",
+             requestOf("guest-file-write", {{"handle", handle}, {"buf-b64", piece}}));
+    }
+    closeFile(host, handle);
+    run(host, "Is it the same there?",
+        {{"path", "/bin/sha256sum"}, {"arg", {guestPath}}, {"capture-output", true}});
+    showChecksum(bytes);
+}
+
+std::string pullFile(HostClient& host) {
+    const auto handle = openFile(host, "Read it again:", {{"path", guestPath}});
+    std::string bytes;
+    for (bool end = false; !end;) {
+        const std::string answer = show(
+            host,
+            "A piece:", requestOf("guest-file-read", {{"handle", handle}, {"count", pieceSize}}));
+        const auto result = boost::json::parse(answer).at("return");
+        bytes += corvane::vm::decodeBase64(result.at("buf-b64").as_string());
+        end = result.at("eof").as_bool();
+    }
+    showChecksum(bytes);
+    closeFile(host, handle);
+    return bytes;
+}
+
+/// The agent answers when the transfer is over: what comes must be taken first.
+std::string streamFile(HostClient& host, VsockPeer& receiver) {
+    const auto handle = openFile(host, "Once more, over vsock:", {{"path", guestPath}});
+    const std::string request =
+        requestOf("mirel-guest-file-vsock-read",
+                  {{"handle", handle}, {"cid", 2}, {"port", receiver.listen()}});
+    std::cout << "\nAll of it at once:\n  host   " << request << std::endl;
+    host.send(request + '\n');
+    receiver.awaitConnection();
+    std::string bytes = receiver.receiveAll();
+    showChecksum(bytes);
+    std::cout << "  agent  " << host.receiveLine() << std::endl;
+    closeFile(host, handle);
+    return bytes;
+}
+
+void transferFiles(HostClient& host, VsockPeer& receiver) {
+    std::string bytes;
+    for (int number = 1; number <= 120; ++number) {
+        bytes += "line " + std::to_string(number) + " of a file that the host has made\n";
+    }
+    pushFile(host, bytes);
+    if (pullFile(host) != bytes || streamFile(host, receiver) != bytes) {
+        throw std::runtime_error("the file has changed on its way");
+    }
+}
+
 void converse(VirtualMachine& machine) {
+    VsockPeer vsock(machine);
     HostClient host = machine.connectHost();
     host.synchronise();
     show(host, "Find the agent, whatever was on the line before:",
@@ -127,7 +211,8 @@ void converse(VirtualMachine& machine) {
          {"input-data", corvane::vm::encodeBase64("pear\napple\nfig\n")},
          {"capture-output", true}});
     run(host, "A program that fails:", {{"path", "/bin/sh"}, {"arg", {"-c", "exit 3"}}});
-    resize(machine, host);
+    resize(host, vsock);
+    transferFiles(host, vsock);
 }
 
 void explainKeeping(const VirtualMachine& machine) {
