@@ -5,9 +5,6 @@
 
 namespace corvane {
 
-/// A message from this size on is worth giving its memory back when nothing follows.
-inline constexpr std::size_t largeMessage = 64 * 1024;
-
 /// Requests and responses from this size on leave the heap as small as they found it. What is
 /// smaller is transferred in numbers, each as large as the one before: memory fresh from the system
 /// costs more than the transfer.

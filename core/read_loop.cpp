@@ -25,7 +25,7 @@ namespace {
 
 bool delimiterPending = false;
 
-/// After so long without a request, memory that large ones have taken goes back.
+/// After so long without a request, memory that earlier ones have taken goes back.
 constexpr int idleMilliseconds = 100;
 
 constexpr char delimiter[] = "\xFF";
@@ -80,17 +80,17 @@ void ReadLoop::pass() {
     }
 }
 
-/// Large messages come in numbers: the next one uses the memory of the one before. When none has
+/// Large messages come in numbers: the next one uses the memory of the one before. When nothing has
 /// come for a moment, or the host is gone, the memory goes back.
 void ReadLoop::trimHeapWhenIdle() {
-    if (!heapHasGrown_ || pending_.size() > 0) {
+    if (!heapMayHaveGrown_ || pending_.size() > 0) {
         return;
     }
     pollfd waited{channelDescriptor(), POLLIN, 0};
     ::poll(&waited, 1, idleMilliseconds);
-    if ((waited.revents & POLLIN) == 0) {
+    if (waited.revents != POLLIN) {
         trimHeap();
-        heapHasGrown_ = false;
+        heapMayHaveGrown_ = false;
     }
 }
 
@@ -144,7 +144,7 @@ void ReadLoop::answer(RequestLine line) {
     } catch (const std::bad_alloc&) {
         sendOutOfMemory();
     }
-    heapHasGrown_ = heapHasGrown_ || largest >= largeMessage;
+    heapMayHaveGrown_ = true;  // not only by what is large: a refused request, too, took memory
     if (largest >= hugeMessage) {
         trimHeap();
     }

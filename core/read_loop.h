@@ -42,7 +42,7 @@ class ReadLoop {
     /// feed.
     const std::string outOfMemoryLine_;
 
-    bool heapHasGrown_ = false;  ///< with a large message, and was not trimmed since
+    bool heapMayHaveGrown_ = false;  ///< by a request, since it was trimmed
 
     std::chrono::steady_clock::time_point openedAt_ = std::chrono::steady_clock::now();
     bool channelIsSilent_ = true;  ///< has brought no byte yet
