@@ -13,6 +13,7 @@
 #include "bench/exec_bench.h"
 #include "bench/large_request_bench.h"
 #include "bench/ratio_report.h"
+#include "bench/transfer_memory.h"
 #include "core/heap.h"
 
 namespace {
@@ -107,6 +108,7 @@ int main(int argc, char** argv) {
     // Before the benchmarks have used memory.
     const double ofArgument = corvane::extraMemoryOfArgument();
     const double ofCommand = corvane::extraMemoryOfUnknownCommand();
+    const double ofTransfers = corvane::growthAfterTransfers();
 
     corvane::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
@@ -127,5 +129,10 @@ int main(int argc, char** argv) {
     worst = std::max(worst,
                      corvane::printRatio(extraMemory("extra memory for the command name, in lines"),
                                          {ofCommand}));
+    worst = std::max(
+        worst,
+        corvane::printRatio(
+            {"memory more after 1,000 reads and writes, in MiB", {}, {}, Ratio::Target::atMost, 1},
+            {ofTransfers}));
     return check && worst > tolerance ? 1 : 0;
 }

@@ -27,31 +27,41 @@ std::size_t memoryFigure(const std::string& name) {
 
 }  // namespace
 
-std::size_t peakExtraMemory(const std::function<void()>& prepare,
-                            const std::function<void()>& action) {
+std::size_t measuredInChild(const std::function<std::size_t()>& measure) {
     std::array<int, 2> ends{};
     if (::pipe(ends.data()) != 0) {
         throw std::runtime_error("no pipe");
     }
     const pid_t child = ::fork();
     if (child == 0) {
-        prepare();
-        std::ofstream("/proc/self/clear_refs") << "5" << std::flush;
-        const std::size_t before = memoryFigure("VmRSS:");
-        action();
-        const std::size_t extra = memoryFigure("VmHWM:") - before;
-        const ssize_t written = ::write(ends[1], &extra, sizeof extra);
-        ::_exit(written == sizeof extra ? 0 : 1);
+        const std::size_t figure = measure();
+        const ssize_t written = ::write(ends[1], &figure, sizeof figure);
+        ::_exit(written == sizeof figure ? 0 : 1);
     }
     ::close(ends[1]);
-    std::size_t extra = 0;
-    const ssize_t got = ::read(ends[0], &extra, sizeof extra);
+    std::size_t figure = 0;
+    const ssize_t got = ::read(ends[0], &figure, sizeof figure);
     ::close(ends[0]);
     ::waitpid(child, nullptr, 0);
-    if (got != sizeof extra) {
+    if (got != sizeof figure) {
         throw std::runtime_error("the measured process failed");
     }
-    return extra;
+    return figure;
+}
+
+std::size_t residentMemory() {
+    return memoryFigure("VmRSS:");
+}
+
+std::size_t peakExtraMemory(const std::function<void()>& prepare,
+                            const std::function<void()>& action) {
+    return measuredInChild([&] {
+        prepare();
+        std::ofstream("/proc/self/clear_refs") << "5" << std::flush;
+        const std::size_t before = residentMemory();
+        action();
+        return memoryFigure("VmHWM:") - before;
+    });
 }
 
 }  // namespace corvane
