@@ -34,7 +34,7 @@ std::string contentOf(std::size_t transfer) {
 std::string textLines(const std::string& before, const std::string& after) {
     std::string lines;
     for (std::size_t transfer = 0; transfer < transfersPerFile; ++transfer) {
-        lines += before + encodeBase64(contentOf(transfer)) + after + "\n";
+        lines.append(before).append(encodeBase64(contentOf(transfer))).append(after).append("\n");
     }
     return lines;
 }

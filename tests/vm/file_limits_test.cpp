@@ -152,6 +152,19 @@ TEST_F(FilesWithoutLimits, AFileThatIsLargerThanTheMemoryIsReadFromWhereItStood)
     files().close(handle);
 }
 
+TEST_F(FilesWithoutLimits, WhatManyReadsHaveTakenGoesBackWhenTheirHostHasGone) {
+    refreshAgent();
+    const long before = privateKibibytes();
+    const Handle handle = files().open("/dev/zero");
+    for (int count = 0; count < 10; ++count) {
+        files().read(handle, 1 << 20);
+    }
+    files().close(handle);
+    host().disconnect();
+    EXPECT_NO_THROW(awaitPrivateKibibytes(before + 512));
+    replaceHost();
+}
+
 TEST_F(FilesWithoutLimits, TheLargestCountIsAsGoodAsTheFilesSize) {
     const Handle handle = files().open(makeFile("ten", "0123456789"));
     const FileClient::Piece piece = files().read(handle, ~std::uint64_t{0});
