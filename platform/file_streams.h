@@ -21,7 +21,8 @@ class FileStreams {
 
     /// As fopen(3), whose modes with the C library's extensions these are; waits as long as that
     /// does. The stream's descriptor is close-on-exec, and a terminal does not become the agent's
-    /// controlling terminal. Null when there is no such stream.
+    /// controlling terminal (but one opened with a character set). Null when there is no such
+    /// stream.
     virtual OwnedStream open(const std::string& path, const std::string& mode) = 0;
 };
 

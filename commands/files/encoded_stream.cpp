@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <new>
+#include <stdio_ext.h>
 #include <string_view>
 
 #include "core/base64.h"
@@ -29,11 +30,17 @@ std::uint64_t expectedCount(std::FILE* stream, std::uint64_t count) {
     return known ? std::min(count, static_cast<std::uint64_t>(file.st_size)) : 0;
 }
 
+/// What was written and is still in the stream's buffer is written to the file first: the C library
+/// drops it when a large read follows without a flush, and nobody would be told.
+bool writePending(std::FILE* stream) noexcept {
+    return ::__fpending(stream) == 0 || std::fflush(stream) == 0;
+}
+
 /// A text that grows as long as memory suffices.
 class GrowingText {
  public:
-    /// Makes room for what is expected. To be wrong about it costs nothing: room that is not filled
-    /// is no memory.
+    /// Makes room for what is expected. To be wrong about it costs next to nothing: room that is
+    /// not filled is no memory.
     explicit GrowingText(std::uint64_t expectedBytes) {
         const std::uint64_t size = base64Length(expectedBytes);
         if (memorySuffices(size)) {
@@ -86,6 +93,10 @@ void unread(std::FILE* stream, std::uint64_t count) noexcept {
 
 EncodedBytes readEncoded(std::FILE* stream, std::uint64_t count) {
     EncodedBytes read;
+    if (count > 0 && !writePending(stream)) {
+        read.error = errno;
+        return read;
+    }
     std::array<char, pieceSize> piece;
     try {
         GrowingText text(expectedCount(stream, count));

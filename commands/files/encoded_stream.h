@@ -15,7 +15,11 @@ struct EncodedBytes {
 
 /// Reads as one fread(3) of `count` bytes does: until there are so many, or the stream ends or
 /// fails, which its indicators tell. `count` may be any number: memory is used for what there is to
-/// read.
+/// read. What was written before is written out first, and nothing is read when that fails, which
+/// sets the error indicator.
+///
+/// Where the end was met before and there is more now (a FIFO with a new writer), less may be read
+/// than by one call, and the rest by the next.
 ///
 /// Throws std::bad_alloc when memory does not suffice for the text. The position of a stream that
 /// has one is then as it was before.

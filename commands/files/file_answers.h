@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -8,6 +9,10 @@
 namespace corvane {
 
 // The answers that several of the file commands have in common.
+
+/// Ample for a short answer and its line. Whoever does what cannot be undone tries first whether it
+/// can be had: "out of memory" then mostly means that nothing was done.
+inline constexpr std::size_t roomForAnswer = 4096;
 
 /// The error response "<call> error <error>", where `error` is an errno value.
 JsonValue streamFailure(const char* call, int error);

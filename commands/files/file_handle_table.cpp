@@ -17,7 +17,7 @@ std::FILE* requireFile(ArgumentReader& reader) {
         reader.fail("handle is not a valid file");
         return nullptr;
     }
-    return reader.failed() ? nullptr : found->second;
+    return found->second;
 }
 
 }  // namespace corvane

@@ -8,6 +8,7 @@
 #include "commands/files/file_answers.h"
 #include "commands/files/file_handle_table.h"
 #include "core/arguments.h"
+#include "core/heap.h"
 #include "core/message.h"
 
 namespace corvane {
@@ -60,6 +61,7 @@ JsonValue handleGuestFileSeek(const JsonObject* arguments) {
     if (reader.failed()) {
         return reader.takeError();
     }
+    requireMemory(roomForAnswer);
     if (std::fseek(stream, static_cast<long>(offset), origin) != 0) {
         return streamFailure("fseek", errno);
     }

@@ -9,6 +9,7 @@
 #include "commands/files/file_handle_table.h"
 #include "core/arguments.h"
 #include "core/base64.h"
+#include "core/heap.h"
 #include "core/message.h"
 
 namespace corvane {
@@ -47,7 +48,8 @@ JsonValue handleGuestFileWrite(const JsonObject* arguments) {
     if (reader.failed()) {
         return reader.takeError();
     }
-    errno = 0;
+    requireMemory(roomForAnswer);
+    errno = 0;  // a write that comes out short need not set it
     if (std::fwrite(bytes->data(), 1, count, stream) != count) {
         return streamFailure("fwrite", errno);
     }

@@ -127,6 +127,7 @@ JsonValue handleGuestFileVSockReadWrite(const JsonObject* arguments, TransferDir
         return reader.takeError();
     }
 
+    requireMemory(roomForAnswer);
     const int file = ::fileno(stream);
     const bool toHost = direction == TransferDirection::guestToHost;
     const std::uint64_t count =

@@ -1,16 +1,16 @@
 // fopen(3) as it is leaves three things to wish for in a service that runs as root:
 //
-// - Its descriptors are inherited. The letter e of the mode mends that from the start.
+// - Its descriptors are inherited unless the mode says otherwise.
 // - A session leader without a controlling terminal, as every service is, gets one from any
-//   terminal that it opens, and is ended when that terminal hangs up. There is no letter for
-//   O_NOCTTY, so that a terminal is opened as a descriptor, and put under a stream.
+//   terminal that it opens, and is ended when that terminal hangs up.
 // - The letter m maps the file into memory: whoever shortens it then ends the reader with SIGBUS.
-//   Nothing but speed depends on the letter, and it is not passed on.
+//
+// So the file is opened by open(2), with the flags that a mode stands for, and a stream is put on
+// top. No mode can say O_NOCTTY, and to look at the file first would leave it time to change.
 
 #include "platform/linux/linux_file_streams.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,32 +23,11 @@ namespace corvane {
 
 namespace {
 
-/// glibc looks at no more of a mode than this, be it a letter, a comma or what follows that.
+/// glibc looks at no more of a mode than this.
 constexpr std::size_t letterCount = 7;
 
 bool hasLetter(std::string_view mode, char letter) {
     return mode.substr(0, letterCount).find(letter) != std::string_view::npos;
-}
-
-/// The large letter means nothing, and the same in the name of a character set.
-std::string withoutMapping(std::string mode) {
-    const auto letters = static_cast<std::ptrdiff_t>(std::min(mode.size(), letterCount));
-    std::replace(mode.begin(), mode.begin() + letters, 'm', 'M');
-    return mode;
-}
-
-/// Where there is room for one more letter. The few modes without get the flag a moment later;
-/// only the thread that is here starts programs.
-std::string withCloseOnExec(std::string mode) {
-    if (!mode.empty() && mode.size() < letterCount) {
-        mode.insert(1, 1, 'e');
-    }
-    return mode;
-}
-
-bool isCharacterDevice(const std::string& path) {
-    struct stat file {};
-    return ::stat(path.c_str(), &file) == 0 && S_ISCHR(file.st_mode);
 }
 
 /// The flags of open(2) that a mode stands for.
@@ -61,17 +40,41 @@ int openFlags(std::string_view mode) {
     return flags;
 }
 
-/// fdopen(3) understands less of a mode than fopen(3): fewer letters, and no character set. So the
-/// stream is made on another device, and gets its own after that.
-OwnedStream openCharacterDevice(const std::string& path, const std::string& mode) {
+/// What of a mode is left for fdopen(3), which looks at fewer letters than fopen(3).
+std::string streamMode(std::string_view mode) {
+    return std::string(1, mode.front()) + (hasLetter(mode, '+') ? "+" : "");
+}
+
+OwnedStream openTamed(const std::string& path, const std::string& mode) {
     constexpr mode_t everybody = 0666;  // less the umask, as fopen(3) makes a file
-    const DescriptorGuard device(::open(path.c_str(), openFlags(mode), everybody));
-    if (device.empty()) {
+    DescriptorGuard file(::open(path.c_str(), openFlags(mode), everybody));
+    if (file.empty()) {
         return nullptr;
     }
-    OwnedStream stream(std::fopen("/dev/null", mode.c_str()));
-    if (stream != nullptr && ::dup3(device.borrow(), ::fileno(stream.get()), O_CLOEXEC) == -1) {
-        return nullptr;
+    const std::string kind = streamMode(mode);
+    if (kind == "a") {
+        ::lseek(file.borrow(), 0, SEEK_END);  // as fopen(3) does
+    }
+    OwnedStream stream(::fdopen(file.borrow(), kind.c_str()));
+    if (stream != nullptr) {
+        static_cast<void>(file.release());
+    }
+    return stream;
+}
+
+/// A character set, which only fopen(3) knows what to do with.
+bool hasCharacterSet(std::string_view mode) {
+    return mode.find(",ccs=") != std::string_view::npos;
+}
+
+/// In the place of an m the large letter means nothing, and the same in the name of the set.
+OwnedStream openWithCharacterSet(const std::string& path, std::string mode) {
+    const auto letters = static_cast<std::ptrdiff_t>(std::min(mode.size(), letterCount));
+    std::replace(mode.begin(), mode.begin() + letters, 'm', 'M');
+    OwnedStream stream(std::fopen(path.c_str(), mode.c_str()));
+    if (stream != nullptr) {
+        // A moment late, but only the thread that is here starts programs.
+        ::fcntl(::fileno(stream.get()), F_SETFD, FD_CLOEXEC);
     }
     return stream;
 }
@@ -88,15 +91,7 @@ OwnedStream LinuxFileStreams::open(const std::string& path, const std::string& m
         !isModeKnown(mode)) {
         return nullptr;
     }
-    const std::string tamed = withoutMapping(mode);
-    if (isCharacterDevice(path)) {
-        return openCharacterDevice(path, tamed);
-    }
-    OwnedStream stream(std::fopen(path.c_str(), withCloseOnExec(tamed).c_str()));
-    if (stream != nullptr) {
-        ::fcntl(::fileno(stream.get()), F_SETFD, FD_CLOEXEC);
-    }
-    return stream;
+    return hasCharacterSet(mode) ? openWithCharacterSet(path, mode) : openTamed(path, mode);
 }
 
 }  // namespace corvane

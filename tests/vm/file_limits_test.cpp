@@ -62,7 +62,7 @@ TEST_F(FilesOnAFullDisk, WriteFlushAndCloseSaySo) {
     EXPECT_EQ(contentOf(path("disk/flushed")), "room again");
 }
 
-TEST_F(FilesOnAFullDisk, WhatWasFlushedIsThereAndTheRestIsWrittenWhenThereIsRoom) {
+TEST_F(FilesOnAFullDisk, WhatWasFlushedIsThereAndTheRestCanBeWrittenAgainWhenThereIsRoom) {
     fill();
     shell().check("truncate -s 512k " + path("disk/ballast"));
     const std::string bytes = randomBytes(1'000'000);

@@ -50,6 +50,31 @@ TEST_F(FileModes, UpdatingANewFileStartsEmpty) {
     expectContent("Jello");
 }
 
+TEST_F(FileModes, WhatWasWrittenIsNotLostByAReadWithoutAFlush) {
+    for (const char* mode : {"w", "a", "r+", "w+", "a+"}) {
+        for (const std::uint64_t count : {0U, 1U, 4095U, 4096U, 200000U}) {
+            makeFile("file", "0123456789");
+            const std::uint64_t handle = openAs(mode);
+            EXPECT_EQ(writeFile(handle, "written"), writeAnswer(7)) << mode;
+            const std::string answer = readFile(handle, count);
+            const bool mayRead = mode[1] == '+' || count == 0;
+            EXPECT_EQ(answer == errorAnswer("fread error 9"), !mayRead) << mode << answer;
+            EXPECT_EQ(closeFile(handle), success) << mode;
+            const std::string content = mode[0] == 'a'   ? "0123456789written"
+                                        : mode[0] == 'w' ? "written"
+                                                         : "written789";
+            EXPECT_EQ(fileContent(file_), content) << mode << " and " << count;
+        }
+    }
+}
+
+TEST_F(FileModes, ReadThatCannotWriteOutWhatIsPendingSaysSo) {
+    const std::uint64_t handle = openFile("/dev/full", "r+");
+    EXPECT_EQ(writeFile(handle, "written"), writeAnswer(7));
+    EXPECT_EQ(readFile(handle, 100000), errorAnswer("fread error 28"));
+    EXPECT_EQ(closeFile(handle), success);
+}
+
 TEST_F(FileModes, AppendingWritesAtTheEndWhereverThePositionIs) {
     const std::uint64_t handle = openAs("a");
     EXPECT_EQ(seekFile(handle, 2, "set"), seekAnswer(2));

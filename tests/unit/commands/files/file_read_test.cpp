@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <stdlib.h>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -145,12 +146,15 @@ TEST_F(FileRead, FailureInTheMiddleIsToldAndWhatCameBeforeIsNot) {
 }
 
 TEST_F(FileRead, EndIsTheEndEvenWhereMoreCouldBeReadBehindIt) {
-    CookieStream cookie;  // as a terminal after its end-of-file character
-    cookie.readable = 150000;
-    cookie.afterEnd = 150000;
-    const std::uint64_t handle = cookie.open("r");
-    EXPECT_EQ(readFile(handle, 1000000), readAnswer(std::string(150000, 'c'), true));
-    EXPECT_EQ(cookie.readable, 150000U) << "the rest has not been touched";
+    const DescriptorGuard terminal(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_EQ(::grantpt(terminal.borrow()), 0);
+    ASSERT_EQ(::unlockpt(terminal.borrow()), 0);
+    const std::uint64_t handle = openFile(::ptsname(terminal.borrow()));
+    // The second end-of-file character of a pair is the end, and there is more behind it.
+    constexpr std::string_view typed = "abc\x04\x04more\n\x04";
+    ASSERT_EQ(::write(terminal.borrow(), typed.data(), typed.size()), 11);
+    EXPECT_EQ(readFile(handle, 200000), readAnswer("abc", true));
+    EXPECT_EQ(readFile(handle, 200000), readAnswer("more\n", true));
     EXPECT_EQ(closeFile(handle), success);
 }
 
@@ -171,7 +175,7 @@ TEST_F(FileRead, FileWithoutASizeIsReadToItsEnd) {
     EXPECT_EQ(closeFile(version), success);
 }
 
-TEST_F(FileRead, FifoGivesWhatIsThereWithoutWaitingForMore) {
+TEST_F(FileRead, FifoGivesWhatIsAskedForAndTheRestWhenItsWriterHasGone) {
     ASSERT_EQ(::mkfifo(path("fifo").c_str(), 0600), 0);
     DescriptorGuard writer(::open(path("fifo").c_str(), O_RDWR | O_CLOEXEC));
     const std::uint64_t handle = openFile(path("fifo"));

@@ -46,7 +46,7 @@ bool hasControllingTerminal() {
 
 TEST_F(TamedFileStreams, TerminalDoesNotBecomeTheControllingOneOfASessionLeader) {
     for (const std::string mode :
-         {"r", "w", "a", "r+", "w+", "a+", "rm", "rbbbbbb", "r,ccs=UTF-8"}) {
+         {"r", "w", "a", "r+", "w+", "a+", "rm", "rbbbbbb", "rbbbbb+", "r,+"}) {
         const PseudoTerminal terminal;
         const int status = exitStatusOf([&] {
             ::setsid();
@@ -112,13 +112,14 @@ TEST_F(TamedFileStreams, WithoutDescriptorsThereIsNoStreamAndNoneIsLost) {
         for (const int available : {0, 1, 2}) {
             EXPECT_EQ(
                 exitStatusOf([&] {
+                    openStream(where, "r");  // what a sanitizer asks of the kernel, it asks now
                     const int next = ::dup(STDERR_FILENO);
                     ::close(next);
                     const rlimit limit{static_cast<rlim_t>(next + available), 64};
                     ::setrlimit(RLIMIT_NOFILE, &limit);
                     const int before = freeDescriptors();
                     const bool opened = openStream(where, "r+") != nullptr;
-                    const bool suffices = available > (where == path_ ? 0 : 1);
+                    const bool suffices = available > 0;
                     ::_exit(before == available && opened == suffices && freeDescriptors() == before
                                 ? 0
                                 : 1);
