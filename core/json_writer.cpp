@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <charconv>
 #include <cstddef>
 #include <vector>
@@ -75,7 +76,7 @@ struct LentText {
 struct MeasuringSink {
     void append(std::string_view text) noexcept { size += text.size(); }
     void appendPlain(std::string_view text) {
-        if (lends && text.size() >= longString) {
+        if (lends && text.size() >= lentLength) {
             lent.push_back({size, text});
         } else {
             append(text);
@@ -95,7 +96,7 @@ struct MeasuringSink {
 struct FillingSink {
     void append(std::string_view piece) { text.append(piece); }
     void appendPlain(std::string_view piece) {
-        if (!measure.lends || piece.size() < longString) {
+        if (!measure.lends || piece.size() < lentLength) {
             append(piece);
         }
     }
@@ -175,6 +176,7 @@ class TextMaker {
     }
 
     void writePlainText(std::string_view text) {
+        assert(plainLength(text) == text.size());
         sink_.append("\"");
         sink_.appendPlain(text);
         sink_.append("\"");

@@ -19,6 +19,14 @@ namespace corvane {
 std::string writeJson(const JsonValue& value, std::string_view prefix = {},
                       std::string_view suffix = {});
 
+/// Ample for the line of an answer with a few short members and a few plain texts. Whoever does
+/// what cannot be undone tries first whether it can be had (requireMemory), so that "out of memory"
+/// mostly means that nothing was done.
+inline constexpr std::size_t roomForLine = std::size_t{32} * 1024;
+
+/// Plain texts from this length on are lent by a JsonLine.
+inline constexpr std::size_t lentLength = 4096;
+
 /// The same text in pieces, one behind the other, which spares a copy of what is large: long plain
 /// texts are lent by the value, which must outlive the object.
 class JsonLine {

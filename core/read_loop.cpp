@@ -28,6 +28,9 @@ bool delimiterPending = false;
 /// After so long without a request, memory that earlier ones have taken goes back.
 constexpr int idleMilliseconds = 100;
 
+/// It does so, too, after so long with requests.
+constexpr std::chrono::seconds trimInterval{1};
+
 constexpr char delimiter[] = "\xFF";
 
 /// So many channels may end in a row, each in silence and within a second, before reopening slows
@@ -65,13 +68,15 @@ void ReadLoop::run() {
 }
 
 void ReadLoop::pass() {
-    trimHeapWhenIdle();
+    trimHeapWhenDue();
     const ssize_t received = platform().channelDevice.receive(channelDescriptor(), readBuffer_);
     if (received <= 0) {
         followEndedChannel();
         return;
     }
     channelIsSilent_ = false;
+    heapMayHaveGrown_ = true;
+    moreIsLikely_ = static_cast<std::size_t>(received) == readBuffer_.size();
     takeInput({readBuffer_.data(), static_cast<std::size_t>(received)});
     while (auto line = nextLine()) {
         if (!line->empty()) {
@@ -80,17 +85,22 @@ void ReadLoop::pass() {
     }
 }
 
-/// Large messages come in numbers: the next one uses the memory of the one before. When nothing has
-/// come for a moment, or the host is gone, the memory goes back.
-void ReadLoop::trimHeapWhenIdle() {
-    if (!heapMayHaveGrown_ || pending_.size() > 0) {
+/// Large messages come in numbers: the next one uses the memory of the one before. It goes back
+/// when nothing has come for a moment, when the host is gone, and now and then while it goes on
+/// asking.
+void ReadLoop::trimHeapWhenDue() {
+    if (!heapMayHaveGrown_ || moreIsLikely_) {
         return;
     }
+    const auto now = std::chrono::steady_clock::now();
     pollfd waited{channelDescriptor(), POLLIN, 0};
-    ::poll(&waited, 1, idleMilliseconds);
+    if (now < trimmedAt_ + trimInterval) {
+        ::poll(&waited, 1, idleMilliseconds);
+    }
     if (waited.revents != POLLIN) {
         trimHeap();
         heapMayHaveGrown_ = false;
+        trimmedAt_ = now;
     }
 }
 
@@ -144,7 +154,6 @@ void ReadLoop::answer(RequestLine line) {
     } catch (const std::bad_alloc&) {
         sendOutOfMemory();
     }
-    heapMayHaveGrown_ = true;  // not only by what is large: a refused request, too, took memory
     if (largest >= hugeMessage) {
         trimHeap();
     }

@@ -27,7 +27,7 @@ class ReadLoop {
     void pass();
 
  private:
-    void trimHeapWhenIdle();
+    void trimHeapWhenDue();
     void followEndedChannel();
     void takeInput(std::span<const char> bytes);
     std::optional<RequestLine> nextLine();
@@ -42,7 +42,9 @@ class ReadLoop {
     /// feed.
     const std::string outOfMemoryLine_;
 
-    bool heapMayHaveGrown_ = false;  ///< by a request, since it was trimmed
+    bool heapMayHaveGrown_ = false;  ///< by input, since it was trimmed
+    bool moreIsLikely_ = false;      ///< the last input has filled the buffer
+    std::chrono::steady_clock::time_point trimmedAt_ = std::chrono::steady_clock::now();
 
     std::chrono::steady_clock::time_point openedAt_ = std::chrono::steady_clock::now();
     bool channelIsSilent_ = true;  ///< has brought no byte yet

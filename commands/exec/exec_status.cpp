@@ -14,6 +14,7 @@
 #include "commands/exec/process_table.h"
 #include "core/arguments.h"
 #include "core/heap.h"
+#include "core/json_writer.h"
 #include "core/message.h"
 
 namespace corvane {
@@ -25,9 +26,6 @@ constexpr std::uint32_t signalMask = 0x7F;
 constexpr std::uint32_t stoppedMark = 0x7F;  ///< in place of a signal: stopped, not ended
 constexpr std::uint32_t exitCodeMask = 0xFF;
 constexpr std::uint32_t exitCodeShift = 8;
-
-/// Ample for the line that is made of the response later; the output is not copied into it.
-constexpr std::size_t lineWithoutOutput = 1024;
 
 void addOutput(JsonObject& result, const ProcessRecord& record) {
     result.add("out-data", readCapturedOutput(record.outFd));
@@ -81,7 +79,7 @@ JsonValue handleGuestExecStatus(const JsonObject* arguments) {
     }
     JsonValue response = describe(*record);
     if (!record->running) {
-        requireMemory(lineWithoutOutput);
+        requireMemory(roomForLine);
         if (record->captureOutput) {
             releaseCaptureFiles(*record);
         }

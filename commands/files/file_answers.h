@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -9,10 +8,6 @@
 namespace corvane {
 
 // The answers that several of the file commands have in common.
-
-/// Ample for a short answer and its line. Whoever does what cannot be undone tries first whether it
-/// can be had: "out of memory" then mostly means that nothing was done.
-inline constexpr std::size_t roomForAnswer = 4096;
 
 /// The error response "<call> error <error>", where `error` is an errno value.
 JsonValue streamFailure(const char* call, int error);

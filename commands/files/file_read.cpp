@@ -6,6 +6,8 @@
 #include "commands/files/file_answers.h"
 #include "commands/files/file_handle_table.h"
 #include "core/arguments.h"
+#include "core/heap.h"
+#include "core/json_writer.h"
 #include "core/message.h"
 
 namespace corvane {
@@ -19,6 +21,7 @@ JsonValue describeRead(std::FILE* stream, EncodedBytes bytes) {
     try {
         JsonObject result = transferResult(bytes.count, stream);
         result.add("buf-b64", PlainText{std::move(bytes.text)});
+        requireMemory(roomForLine);
         return makeSuccessResponse(std::move(result));
     } catch (const std::bad_alloc&) {
         unread(stream, bytes.count);

@@ -9,6 +9,7 @@
 #include "commands/files/file_handle_table.h"
 #include "core/arguments.h"
 #include "core/heap.h"
+#include "core/json_writer.h"
 #include "core/message.h"
 
 namespace corvane {
@@ -61,7 +62,7 @@ JsonValue handleGuestFileSeek(const JsonObject* arguments) {
     if (reader.failed()) {
         return reader.takeError();
     }
-    requireMemory(roomForAnswer);
+    requireMemory(roomForLine);
     if (std::fseek(stream, static_cast<long>(offset), origin) != 0) {
         return streamFailure("fseek", errno);
     }

@@ -10,6 +10,7 @@
 #include "core/arguments.h"
 #include "core/base64.h"
 #include "core/heap.h"
+#include "core/json_writer.h"
 #include "core/message.h"
 
 namespace corvane {
@@ -48,7 +49,7 @@ JsonValue handleGuestFileWrite(const JsonObject* arguments) {
     if (reader.failed()) {
         return reader.takeError();
     }
-    requireMemory(roomForAnswer);
+    requireMemory(roomForLine);
     errno = 0;  // a write that comes out short need not set it
     if (std::fwrite(bytes->data(), 1, count, stream) != count) {
         return streamFailure("fwrite", errno);

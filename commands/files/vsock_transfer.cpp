@@ -15,6 +15,7 @@
 #include "core/arguments.h"
 #include "core/descriptor_guard.h"
 #include "core/heap.h"
+#include "core/json_writer.h"
 #include "core/message.h"
 #include "platform/platform.h"
 #include "platform/vsock_sockets.h"
@@ -127,7 +128,7 @@ JsonValue handleGuestFileVSockReadWrite(const JsonObject* arguments, TransferDir
         return reader.takeError();
     }
 
-    requireMemory(roomForAnswer);
+    requireMemory(roomForLine);
     const int file = ::fileno(stream);
     const bool toHost = direction == TransferDirection::guestToHost;
     const std::uint64_t count =

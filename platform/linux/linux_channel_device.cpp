@@ -27,33 +27,48 @@ constexpr int serialOpenFlags = O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
 ssize_t receiveFromAny(int descriptor, std::span<char> buffer) {
     for (;;) {
-        const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
-        if (count >= 0 || (errno != EINTR && errno != EAGAIN)) {
-            return count;
-        }
-        // A channel that does not let its reader wait.
+        // First, since a terminal may be set to let its reader go with nothing.
         pollfd waited{descriptor, POLLIN, 0};
-        if (errno == EAGAIN && ::poll(&waited, 1, -1) < 0 && errno != EINTR) {
+        if (::poll(&waited, 1, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
             return -1;
         }
+        const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
+        // Readiness may have been for nothing, or gone to another reader.
+        if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
+            continue;
+        }
+        return count;
     }
 }
 
-void sendAtOnce(int descriptor, std::span<const std::string_view> pieces) noexcept {
+/// Whether all of it is out.
+bool sendAtOnce(int descriptor, std::span<const std::string_view> pieces) noexcept {
     std::array<iovec, piecesAtOnce> vectors;
     std::transform(pieces.begin(), pieces.end(), vectors.begin(), [](std::string_view piece) {
         return iovec{const_cast<char*>(piece.data()), piece.size()};  // NOLINT: only read
     });
     // EINTR says that a signal came before a single byte went out: the one write has not been
     // made yet. A signal that comes later makes a short count of it, which stays one.
-    while (::writev(descriptor, vectors.data(), static_cast<int>(pieces.size())) < 0 &&
-           errno == EINTR) {
+    ssize_t count = 0;
+    do {
+        count = ::writev(descriptor, vectors.data(), static_cast<int>(pieces.size()));
+    } while (count < 0 && errno == EINTR);
+    std::size_t size = 0;
+    for (const std::string_view piece : pieces) {
+        size += piece.size();
     }
+    return count >= 0 && static_cast<std::size_t>(count) == size;
 }
 
 void sendToAny(int descriptor, std::span<const std::string_view> pieces) noexcept {
-    for (; !pieces.empty(); pieces = pieces.subspan(std::min(pieces.size(), piecesAtOnce))) {
-        sendAtOnce(descriptor, pieces.first(std::min(pieces.size(), piecesAtOnce)));
+    bool sent = true;
+    while (sent && !pieces.empty()) {
+        const std::size_t count = std::min(pieces.size(), piecesAtOnce);
+        sent = sendAtOnce(descriptor, pieces.first(count));
+        pieces = pieces.subspan(count);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -25,6 +26,12 @@ JsonValue echo(const JsonObject* arguments) {
     return makeSuccessResponse(*arguments->find("text"));
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool sanitized = true;
+#else
+constexpr bool sanitized = false;
+#endif
+
 constexpr Command commands[] = {{"echo", echo, 1, ReportCondition::always}};
 
 /// This process's resident memory in bytes. See proc(5), /proc/PID/statm.
@@ -35,72 +42,110 @@ std::size_t residentMemory() {
     return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
 }
 
-/// Sends a line and takes its answer in. No memory of its own is used.
-void ask(int descriptor, std::string_view line) {
-    while (!line.empty()) {
-        const ssize_t sent = ::write(descriptor, line.data(), line.size());
-        ASSERT_GT(sent, 0);
-        line.remove_prefix(static_cast<std::size_t>(sent));
-    }
-    std::array<char, 65536> buffer;
-    ssize_t count = 0;
-    do {
-        count = ::read(descriptor, buffer.data(), buffer.size());
-        ASSERT_GT(count, 0);
-    } while (buffer[static_cast<std::size_t>(count) - 1] != '\n');
-}
-
-/// Waits until the memory is down to `limit`. False when it does not come to that.
-bool memoryComesDownTo(std::size_t limit) {
-    constexpr int hangLimit = 10000;  // milliseconds
-    for (int waited = 0; waited < hangLimit; ++waited) {
-        if (residentMemory() <= limit) {
-            return true;
+/// Waits until the memory is down to `limit`, and does something all the while. False when it does
+/// not come to that.
+template <typename Action>
+bool memoryComesDownTo(std::size_t limit, Action action) {
+    constexpr std::chrono::seconds hangLimit{20};
+    const auto end = std::chrono::steady_clock::now() + hangLimit;
+    while (residentMemory() > limit) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
         }
-        // Nothing tells of it.
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        action();
     }
-    return false;
+    return true;
 }
 
 // The loop runs on the main thread here, as in the agent: the allocator gives only what that one
 // has used back to the system.
-TEST(ReadLoopMemory, WhatLargeMessagesHaveTakenGoesBackWhenNoneFollows) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "a sanitizer's allocator keeps what was freed";
-#endif
-    limitHeap();
-    useCommandTable(commands);
-    FakePlatform platform;
-    platform.systemLog.recording = false;
-    openChannel();
-    DescriptorGuard host = platform.channelDevice.takeHostEnd();
-    constexpr std::size_t mebibyte = 1024 * 1024;
-    const std::string line =
-        R"({"execute":"echo","arguments":{"text":")" + std::string(2 * mebibyte, 'x') + "\"}}\n";
-    trimHeap();
-    const std::size_t before = residentMemory();
-    bool grew = false;
-    bool cameDown = false;
-    std::atomic<bool> ended = false;
-    std::thread hostThread([&] {
-        for (int round = 0; round < 20; ++round) {
-            ask(host.borrow(), line);
+class ReadLoopMemory : public testing::Test {
+ protected:
+    void SetUp() override {
+        if (sanitized) {
+            GTEST_SKIP() << "a sanitizer's allocator keeps what was freed";
         }
-        grew = residentMemory() > before + 2 * mebibyte;
-        cameDown = memoryComesDownTo(before + mebibyte);
-        ask(host.borrow(), "[]\n");
-        ended = true;
-        ask(host.borrow(), "[]\n");
-    });
-    ReadLoop loop;
-    while (!ended) {
-        loop.pass();
+        limitHeap();
+        useCommandTable(commands);
+        platform_.systemLog.recording = false;
+        openChannel();
+        host_ = platform_.channelDevice.takeHostEnd();
     }
-    hostThread.join();
-    EXPECT_TRUE(grew) << "there would be nothing to give back";
-    EXPECT_TRUE(cameDown) << residentMemory() - before;
-    platform.channelDevice.closeChannel(channelDescriptor());
+    void TearDown() override {
+        if (!sanitized) {
+            platform_.channelDevice.closeChannel(channelDescriptor());
+        }
+    }
+
+    /// Asks large requests, then does `action` until the memory has come back.
+    void expectMemoryBack(const std::function<void()>& once, const std::function<void()>& action) {
+        constexpr std::size_t mebibyte = 1024 * 1024;
+        const std::string line = R"({"execute":"echo","arguments":{"text":")" +
+                                 std::string(2 * mebibyte, 'x') + "\"}}\n";
+        trimHeap();
+        const std::size_t before = residentMemory();
+        bool grew = false;
+        bool cameDown = false;
+        std::atomic<bool> ended = false;
+        std::thread hostThread([&] {
+            for (int round = 0; round < 20; ++round) {
+                ask(line);
+            }
+            grew = residentMemory() > before + 2 * mebibyte;
+            once();
+            cameDown = memoryComesDownTo(before + mebibyte, action);
+            ended = true;
+            tell("\n");  // ends the loop's wait
+        });
+        ReadLoop loop;
+        while (!ended) {
+            loop.pass();
+        }
+        hostThread.join();
+        EXPECT_TRUE(grew) << "there would be nothing to give back";
+        EXPECT_TRUE(cameDown) << residentMemory() - before;
+    }
+
+    void tell(std::string_view line) const {
+        while (!line.empty()) {
+            const ssize_t sent = ::write(host_.borrow(), line.data(), line.size());
+            ASSERT_GT(sent, 0);
+            line.remove_prefix(static_cast<std::size_t>(sent));
+        }
+    }
+
+    /// Sends a line and takes its answer in. No memory of its own is used.
+    void ask(std::string_view line) const {
+        tell(line);
+        std::array<char, 65536> buffer;
+        ssize_t count = 0;
+        do {
+            count = ::read(host_.borrow(), buffer.data(), buffer.size());
+            ASSERT_GT(count, 0);
+        } while (buffer[static_cast<std::size_t>(count) - 1] != '\n');
+    }
+
+    FakePlatform platform_;
+    DescriptorGuard host_;
+};
+
+/// For what no event tells of.
+void waitAMoment() {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+void doNothing() {}
+
+TEST_F(ReadLoopMemory, OfLargeMessagesGoesBackWhenNoneFollows) {
+    expectMemoryBack(doNothing, waitAMoment);
+}
+
+TEST_F(ReadLoopMemory, OfLargeMessagesGoesBackWhileTheHostGoesOnAsking) {
+    expectMemoryBack(doNothing, [this] { ask("[]\n"); });
+}
+
+TEST_F(ReadLoopMemory, OfLargeMessagesGoesBackWhileALineIsUnfinished) {
+    expectMemoryBack([this] { tell("{"); }, waitAMoment);
 }
 
 }  // namespace

@@ -179,11 +179,13 @@ TEST_F(StartUp, StoppedChildDoesNotWakeTheReaperAndAnEndedOneDoes) {
     });
 }
 
-TEST_F(StartUp, IgnoresBrokenPipes) {
+TEST_F(StartUp, IgnoresBrokenPipesAndFilesThatMayNotGrow) {
     expectFound([] {
-        struct sigaction action {};
-        ::sigaction(SIGPIPE, nullptr, &action);
-        exitWith(action.sa_handler == SIG_IGN);
+        struct sigaction pipe {};
+        struct sigaction size {};
+        ::sigaction(SIGPIPE, nullptr, &pipe);
+        ::sigaction(SIGXFSZ, nullptr, &size);
+        exitWith(pipe.sa_handler == SIG_IGN && size.sa_handler == SIG_IGN);
     });
 }
 

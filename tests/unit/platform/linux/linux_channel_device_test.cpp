@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "tests/unit/platform/linux/channel_device_fixture.h"
+#include "tests/unit/platform/linux/pseudo_terminal.h"
 
 namespace corvane {
 namespace {
@@ -101,6 +103,23 @@ TEST_F(ChannelDeviceTest, DescriptorsAboveAThousandWorkAsWell) {
         EXPECT_EQ(receiveText(high.borrow()), "ping\n");
     }
     ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(ChannelDeviceTest, ATerminalThatLetsItsReaderGoWithNothingIsWaitedOn) {
+    const PseudoTerminal terminal;
+    const DescriptorGuard line(::open(terminal.path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    termios settings{};
+    ASSERT_EQ(::tcgetattr(line.borrow(), &settings), 0);
+    ::cfmakeraw(&settings);
+    settings.c_cc[VMIN] = 0;
+    settings.c_cc[VTIME] = 0;
+    ASSERT_EQ(::tcsetattr(line.borrow(), TCSANOW, &settings), 0);
+    char byte = 0;
+    ASSERT_EQ(::read(line.borrow(), &byte, 1), 0) << "it would wait by itself";
+    // The reader waits, or is late: either way it must not come back with nothing.
+    std::thread writer([&] { terminal.type("ping\n"); });
+    EXPECT_EQ(receiveText(line.borrow()), "ping\n");
+    writer.join();
 }
 
 TEST_F(ChannelDeviceTest, AResponseIsOneWrite) {
