@@ -89,7 +89,8 @@ void ReadLoop::pass() {
 /// when nothing has come for a moment, when the host is gone, and now and then while it goes on
 /// asking.
 void ReadLoop::trimHeapWhenDue() {
-    if (!heapMayHaveGrown_ || moreIsLikely_) {
+    // Without a channel there is nothing to wait for.
+    if (!heapMayHaveGrown_ || moreIsLikely_ || channelDescriptor() < 0) {
         return;
     }
     const auto now = std::chrono::steady_clock::now();
