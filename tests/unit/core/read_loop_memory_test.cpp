@@ -141,7 +141,9 @@ TEST_F(ReadLoopMemory, OfLargeMessagesGoesBackWhenNoneFollows) {
 }
 
 TEST_F(ReadLoopMemory, OfLargeMessagesGoesBackWhileTheHostGoesOnAsking) {
-    expectMemoryBack(doNothing, [this] { ask("[]\n"); });
+    // Not a refused one: the fake log keeps what is said of it.
+    expectMemoryBack(doNothing,
+                     [this] { ask("{\"execute\":\"echo\",\"arguments\":{\"text\":1}}\n"); });
 }
 
 TEST_F(ReadLoopMemory, OfLargeMessagesGoesBackWhileALineIsUnfinished) {
