@@ -14,18 +14,11 @@
 #include <gtest/gtest.h>
 
 #include "core/descriptor_guard.h"
+#include "tests/unit/platform/linux/stream_openers.h"
 #include "tests/unit/platform/linux/temporary_tree.h"
 
 namespace corvane {
 namespace {
-
-OwnedStream openStream(const std::string& path, const std::string& mode) {
-    return LinuxFileStreams().open(path, mode);
-}
-
-OwnedStream openPlainly(const std::string& path, const std::string& mode) {
-    return OwnedStream(std::fopen(path.c_str(), mode.c_str()));
-}
 
 /// Modes with a character set. The C library loses memory with each stream that has one, which a
 /// sanitizer takes for our fault.

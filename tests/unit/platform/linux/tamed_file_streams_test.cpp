@@ -18,18 +18,11 @@
 #include "platform/linux/linux_file_streams.h"
 #include "tests/fakes/child_process.h"
 #include "tests/unit/platform/linux/pseudo_terminal.h"
+#include "tests/unit/platform/linux/stream_openers.h"
 #include "tests/unit/platform/linux/temporary_tree.h"
 
 namespace corvane {
 namespace {
-
-OwnedStream openStream(const std::string& path, const std::string& mode) {
-    return LinuxFileStreams().open(path, mode);
-}
-
-OwnedStream openPlainly(const std::string& path, const std::string& mode) {
-    return OwnedStream(std::fopen(path.c_str(), mode.c_str()));
-}
 
 class TamedFileStreams : public testing::Test {
  protected:
