@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 #include "commands/files/file_handle_table.h"
 
@@ -19,9 +18,9 @@ namespace corvane {
 struct CookieStream {
     std::size_t readable = 0;  ///< so many bytes, all 'c', until `readError`, or the end when 0
     int readError = 0;
-    std::size_t afterEnd = 0;  ///< so many bytes can be read once the end has been met
-    int writeError = 0;        ///< 0: all is taken
-    int positionError = 0;     ///< of asking where the position is; 0: it is where it was set
+    int writeError = 0;          ///< 0: all is taken
+    bool refusesWrites = false;  ///< without giving a reason
+    int positionError = 0;       ///< of asking where the position is; 0: it is where it was set
     off64_t position = 0;
 
     /// Opens it and returns its handle.
@@ -40,10 +39,6 @@ struct CookieStream {
             errno = file.readError;
             return -1;
         }
-        if (file.readable == 0) {
-            file.readable = std::exchange(file.afterEnd, 0);
-            return 0;
-        }
         const std::size_t count = std::min(size, file.readable);
         std::memset(buffer, 'c', count);
         file.readable -= count;
@@ -55,7 +50,7 @@ struct CookieStream {
             errno = from(cookie).writeError;
             return 0;  // what the C library wants for an error
         }
-        return static_cast<ssize_t>(size);
+        return from(cookie).refusesWrites ? 0 : static_cast<ssize_t>(size);
     }
 
     static int seek(void* cookie, off64_t* offset, int origin) {

@@ -190,6 +190,9 @@ TEST_F(FileWrite, ErrorNumberIsThatOfTheWriteAndNotAnOlderOne) {
     cookie.writeError = EDQUOT;
     EXPECT_EQ(writeFile(handle, std::string(100000, 'x')), errorAnswer("fwrite error 122"));
     cookie.writeError = 0;
+    cookie.refusesWrites = true;
+    EXPECT_EQ(writeFile(handle, std::string(100000, 'x')), errorAnswer("fwrite error 0"));
+    cookie.refusesWrites = false;
     EXPECT_EQ(writeFile(handle, "hello"), writeAnswer(5)) << "an old error is no hindrance";
     EXPECT_EQ(closeFile(handle), success);
     EXPECT_EQ(closeFile(handle_), success);
