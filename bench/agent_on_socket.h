@@ -10,6 +10,7 @@
 #include "platform/platform.h"
 #include "tests/fakes/fake_process_services.h"
 #include "tests/fakes/fake_services.h"
+#include "tests/fakes/fake_system_services.h"
 
 namespace corvane {
 
@@ -61,9 +62,14 @@ class BenchPlatform {
     FakeTerminals terminals_;
     FakeProcessInformation processInformation_;
     FakeFileStreams fileStreams_;
-    Platform services_{systemLog_,        firmware_,    serialDevices_,      hypervisor_,
-                       channelDevice,     vsockSockets, remoteLogin_,        accounts_,
-                       privateDirectory_, terminals_,   processInformation_, fileStreams_};
+    FakeNetworkInterfaces networkInterfaces_;
+    FakePowerControl powerControl_;
+    FakeHidEvents hidEvents_;
+    FakeClock clock_;
+    Platform services_{systemLog_,         firmware_,     serialDevices_,      hypervisor_,
+                       channelDevice,      vsockSockets,  remoteLogin_,        accounts_,
+                       privateDirectory_,  terminals_,    processInformation_, fileStreams_,
+                       networkInterfaces_, powerControl_, hidEvents_,          clock_};
     PlatformScope scope_{services_};
 };
 

@@ -13,6 +13,10 @@
 #include "commands/handshake/info.h"
 #include "commands/handshake/ping.h"
 #include "commands/handshake/sync.h"
+#include "commands/system/guest_time.h"
+#include "commands/system/interface_report.h"
+#include "commands/system/remote_login_switch.h"
+#include "commands/system/shutdown.h"
 
 namespace corvane {
 
@@ -20,7 +24,6 @@ namespace {
 constexpr auto always = ReportCondition::always;
 constexpr auto ifVsock = ReportCondition::ifVsock;
 constexpr auto ifRemoteLogin = ReportCondition::ifRemoteLogin;
-constexpr std::monostate notBuilt;
 }  // namespace
 
 // The name, its handler, its place in the list of "guest-info", and when it is listed there.
@@ -39,11 +42,11 @@ constexpr std::array<Command, 20> allCommands{{
     {"mirel-guest-file-vsock-write", handleGuestFileVSockWrite, 12, ifVsock},
     {"guest-file-seek", handleGuestFileSeek, 13, always},
     {"guest-file-flush", handleGuestFileFlush, 14, always},
-    {"guest-network-get-interfaces", notBuilt, 15, always},
-    {"guest-shutdown", notBuilt, 16, always},
-    {"guest-set-time", notBuilt, 18, always},
-    {"guest-get-time", notBuilt, 19, always},
-    {"mirel-guest-set-remote-login", notBuilt, 17, ifRemoteLogin},
+    {"guest-network-get-interfaces", handleGuestNetworkGetInterfaces, 15, always},
+    {"guest-shutdown", handleGuestShutdown, 16, always},
+    {"guest-set-time", handleGuestSetTime, 18, always},
+    {"guest-get-time", handleGuestGetTime, 19, always},
+    {"mirel-guest-set-remote-login", handleGuestSetRemoteLogin, 17, ifRemoteLogin},
     {"mirel-guest-signal-pid", handleGuestSignalPid, 20, always},
 }};
 

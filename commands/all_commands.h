@@ -7,7 +7,7 @@
 namespace corvane {
 
 /// Every command of the agent, in the order in which names are compared. All are always dispatched,
-/// whatever "guest-info" reports; those without a handler are not built yet.
+/// whatever "guest-info" reports.
 extern const std::array<Command, 20> allCommands;
 
 }  // namespace corvane

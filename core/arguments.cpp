@@ -26,6 +26,11 @@ const JsonObject* objectOf(const JsonValue& value) {
 
 }  // namespace
 
+const JsonObject* orNone(const JsonObject* arguments) noexcept {
+    static const JsonObject none;
+    return arguments != nullptr ? arguments : &none;
+}
+
 ArgumentReader::ArgumentReader(const char* handler, const JsonObject* arguments)
     : handler_(handler), arguments_(arguments) {
     if (!arguments_) {

@@ -9,6 +9,10 @@
 
 namespace corvane {
 
+/// For commands that read absent arguments as arguments without a member: `arguments`, or an object
+/// that is empty and lives for good.
+const JsonObject* orNone(const JsonObject* arguments) noexcept;
+
 /// The vocabulary in which handlers read their arguments, in a fixed order: the first failure wins,
 /// and every read after it is without effect and gives a default.
 ///

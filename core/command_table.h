@@ -15,8 +15,7 @@ using ArgumentsHandler = JsonValue (*)(const JsonObject* arguments);
 /// A handler of a command that takes nothing.
 using PlainHandler = JsonValue (*)();
 
-/// No handler: the command is not built and is answered like an unknown one.
-using CommandHandler = std::variant<std::monostate, ArgumentsHandler, PlainHandler>;
+using CommandHandler = std::variant<ArgumentsHandler, PlainHandler>;
 
 /// When "guest-info" lists a command.
 enum class ReportCondition { always, ifVsock, ifRemoteLogin };

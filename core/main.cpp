@@ -3,6 +3,7 @@
 
 #include "commands/all_commands.h"
 #include "commands/exec/reaper.h"
+#include "commands/system/power_button.h"
 #include "core/command_table.h"
 #include "core/start_up.h"
 #include "platform/linux/linux_platform.h"
@@ -27,5 +28,5 @@ int main() {
     static corvane::LinuxPlatform linuxPlatform;  // so that exit(3) too lets the log finish
     const corvane::PlatformScope scope(linuxPlatform.services());
     corvane::useCommandTable(corvane::allCommands);
-    corvane::runAgent(corvane::reapChildren);
+    corvane::runAgent({corvane::listenForPowerButton, corvane::reapChildren});
 }

@@ -89,6 +89,10 @@ void logStatus(bool fatal, const char* format, ...) {
     }
 }
 
+void logPowerButtonUnavailable() {
+    logStatusText("Unable to register for HID power button events.\n");
+}
+
 void logStatusText(std::string_view text) {
     platform().systemLog.write(LogCategory::status, text);
 }

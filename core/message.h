@@ -28,6 +28,9 @@ std::string errorText(int error);
 /// Any thread.
 void logStatus(bool fatal, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+/// Writes to the status log that the power button is not listened to. Any thread.
+void logPowerButtonUnavailable();
+
 /// Writes an entry of the caller's making to the status log: formatting a long text takes longer
 /// than making the response to it. Any thread.
 void logStatusText(std::string_view text);

@@ -5,12 +5,15 @@
 #include <sys/resource.h>
 
 #include <cstdlib>
+#include <exception>
+#include <thread>
 
 #include "core/channel.h"
 #include "core/heap.h"
 #include "core/masked_value.h"
 #include "core/message.h"
 #include "core/read_loop.h"
+#include "core/signals_blocked.h"
 #include "core/unhandled_exception.h"
 #include "core/version.h"
 #include "platform/hypervisor.h"
@@ -69,6 +72,16 @@ void blockChildSignal() {
     }
 }
 
+/// Nothing waits for the power button: an agent without one is an agent still.
+void startPowerButtonListener(ThreadEntry listenForPowerButton) {
+    const SignalsBlocked signalsBlocked;
+    try {
+        std::thread(listenForPowerButton).detach();
+    } catch (const std::exception&) {
+        logPowerButtonUnavailable();
+    }
+}
+
 /// The thread inherits the mask in which SIGCHLD is blocked, and takes the signal with sigwait(3).
 void startReaper(ThreadEntry reapChildren) {
     static pthread_t reaper;  // kept for the life of the process, never joined
@@ -80,25 +93,26 @@ void startReaper(ThreadEntry reapChildren) {
     static_cast<void>(::pthread_create(&reaper, nullptr, enter, nullptr));
 }
 
-void prepare(ThreadEntry reapChildren) {
+void prepare(const BackgroundWork& work) {
     platform().systemLog.createCategories(programIdentifier);
     logStatus(false, "Corvane %s\n", agentVersion);
     makeMaskingKey();
     openChannel();
     checkEnvironment();
+    startPowerButtonListener(work.listenForPowerButton);
     raiseOpenFileLimit();
     installChildSignalHandler();
     blockChildSignal();
-    startReaper(reapChildren);
+    startReaper(work.reapChildren);
 }
 
 }  // namespace
 
-void runAgent(ThreadEntry reapChildren) {
+void runAgent(const BackgroundWork& work) {
     limitHeap();
     ignoreFailedWrites();
     try {
-        prepare(reapChildren);
+        prepare(work);
         ReadLoop().run();
     } catch (...) {
         endOnUnhandledException();

@@ -4,9 +4,13 @@ namespace corvane {
 
 class Accounts;
 class ChannelDevice;
+class Clock;
 class FileStreams;
 class Firmware;
+class HidEvents;
 class Hypervisor;
+class NetworkInterfaces;
+class PowerControl;
 class PrivateDirectory;
 class ProcessInformation;
 class RemoteLogin;
@@ -29,6 +33,10 @@ struct Platform {
     Terminals& terminals;
     ProcessInformation& processInformation;
     FileStreams& fileStreams;
+    NetworkInterfaces& networkInterfaces;
+    PowerControl& powerControl;
+    HidEvents& hidEvents;
+    Clock& clock;
 };
 
 /// The platform in use. One must be installed.

@@ -5,9 +5,13 @@
 namespace corvane {
 
 LinuxPlatform::LinuxPlatform()
-    : systemLog_(makeSystemLog()), services_{systemLog_,   firmware_,           serialDevices_,
-                                             hypervisor_,  channelDevice_,      vsockSockets_,
-                                             remoteLogin_, accounts_,           privateDirectory_,
-                                             terminals_,   processInformation_, fileStreams_} {}
+    : systemLog_(makeSystemLog()), services_{systemLog_,          firmware_,
+                                             serialDevices_,      hypervisor_,
+                                             channelDevice_,      vsockSockets_,
+                                             remoteLogin_,        accounts_,
+                                             privateDirectory_,   terminals_,
+                                             processInformation_, fileStreams_,
+                                             networkInterfaces_,  powerControl_,
+                                             hidEvents_,          clock_} {}
 
 }  // namespace corvane

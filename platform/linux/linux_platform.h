@@ -2,9 +2,13 @@
 
 #include "platform/linux/linux_accounts.h"
 #include "platform/linux/linux_channel_device.h"
+#include "platform/linux/linux_clock.h"
 #include "platform/linux/linux_file_streams.h"
 #include "platform/linux/linux_firmware.h"
+#include "platform/linux/linux_hid_events.h"
 #include "platform/linux/linux_hypervisor.h"
+#include "platform/linux/linux_network_interfaces.h"
+#include "platform/linux/linux_power_control.h"
 #include "platform/linux/linux_private_directory.h"
 #include "platform/linux/linux_process_information.h"
 #include "platform/linux/linux_remote_login.h"
@@ -40,6 +44,10 @@ class LinuxPlatform {
     LinuxTerminals terminals_;
     LinuxProcessInformation processInformation_;
     LinuxFileStreams fileStreams_;
+    LinuxNetworkInterfaces networkInterfaces_;
+    LinuxPowerControl powerControl_;
+    LinuxHidEvents hidEvents_;
+    LinuxClock clock_;
     Platform services_;
 };
 

@@ -6,4 +6,10 @@ bool LinuxRemoteLogin::isAvailable() {
     return false;
 }
 
+bool LinuxRemoteLogin::authorise() {
+    return false;
+}
+
+void LinuxRemoteLogin::setEnabled(bool /*enabled*/) {}
+
 }  // namespace corvane

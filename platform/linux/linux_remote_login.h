@@ -4,11 +4,11 @@
 
 namespace corvane {
 
-/// Remote login on Linux. Not available: the agent has no way yet to switch the SSH server, and
-/// the host must not be told of a command that cannot work.
 class LinuxRemoteLogin final : public RemoteLogin {
  public:
     [[nodiscard]] bool isAvailable() override;
+    [[nodiscard]] bool authorise() override;
+    void setEnabled(bool enabled) override;
 };
 
 }  // namespace corvane

@@ -1,8 +1,5 @@
 #include "platform/linux/queued_log.h"
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <array>
 #include <chrono>
 #include <condition_variable>
@@ -13,27 +10,13 @@
 #include <string>
 #include <utility>
 
+#include "core/signals_blocked.h"
+
 namespace corvane {
 namespace {
 
 constexpr auto patienceForRoom = std::chrono::milliseconds(100);
 constexpr auto patienceAtTheEnd = std::chrono::seconds(1);
-
-/// Blocks all signals for a scope, and so for good in a thread that is created in it.
-class SignalsBlocked {
- public:
-    SignalsBlocked() noexcept {
-        sigset_t all;
-        ::sigfillset(&all);
-        ::pthread_sigmask(SIG_SETMASK, &all, &before_);
-    }
-    ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-    sigset_t before_{};
-};
 
 struct Entry {
     LogCategory category;

@@ -4,6 +4,7 @@
 #include "tests/fakes/fake_channel_device.h"
 #include "tests/fakes/fake_process_services.h"
 #include "tests/fakes/fake_services.h"
+#include "tests/fakes/fake_system_services.h"
 
 namespace corvane {
 
@@ -22,11 +23,16 @@ struct FakePlatform {
     FakeTerminals terminals;
     FakeProcessInformation processInformation;
     FakeFileStreams fileStreams;
+    FakeNetworkInterfaces networkInterfaces;
+    FakePowerControl powerControl;
+    FakeHidEvents hidEvents;
+    FakeClock clock;
 
  private:
-    Platform services_{systemLog,        firmware,     serialDevices,      hypervisor,
-                       channelDevice,    vsockSockets, remoteLogin,        accounts,
-                       privateDirectory, terminals,    processInformation, fileStreams};
+    Platform services_{systemLog,         firmware,     serialDevices,      hypervisor,
+                       channelDevice,     vsockSockets, remoteLogin,        accounts,
+                       privateDirectory,  terminals,    processInformation, fileStreams,
+                       networkInterfaces, powerControl, hidEvents,          clock};
     PlatformScope scope_{services_};
 };
 

@@ -15,7 +15,6 @@
 #include "platform/file_streams.h"
 #include "platform/firmware.h"
 #include "platform/hypervisor.h"
-#include "platform/remote_login.h"
 #include "platform/serial_devices.h"
 #include "platform/system_log.h"
 #include "platform/vsock_sockets.h"
@@ -134,13 +133,6 @@ class FakeFileStreams : public FileStreams {
     }
 
     std::vector<std::pair<std::string, std::string>> opened;  ///< path, mode
-};
-
-class FakeRemoteLogin : public RemoteLogin {
- public:
-    [[nodiscard]] bool isAvailable() override { return available; }
-
-    bool available = false;
 };
 
 }  // namespace corvane

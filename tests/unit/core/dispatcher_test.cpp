@@ -33,8 +33,7 @@ constexpr Command commands[] = {
     {"with", answerWithArguments, 1, ReportCondition::always},
     {"plain", answerPlainly, 2, ReportCondition::always},
     {"plain", answerSecond, 3, ReportCondition::always},
-    {"unbuilt", std::monostate(), 4, ReportCondition::always},
-    {"hungry", runOutOfMemory, 5, ReportCondition::always},
+    {"hungry", runOutOfMemory, 4, ReportCondition::always},
 };
 
 JsonValue requestOf(JsonValue execute) {
@@ -135,12 +134,6 @@ TEST_F(Dispatcher, UnknownCommandOfAnyLengthIsLoggedWhole) {
     answer(requestOf(name));
     EXPECT_EQ(platform_.systemLog.status(),
               std::vector<std::string>{"Unknown command: " + name + "\n"});
-}
-
-TEST_F(Dispatcher, UnbuiltCommandIsAnsweredLikeAnUnknownOne) {
-    EXPECT_EQ(answer(requestOf(std::string("unbuilt"))),
-              errorText("CommandNotFound", "Invalid command 'unbuilt'"));
-    EXPECT_EQ(platform_.systemLog.status(), std::vector<std::string>{"Unknown command: unbuilt\n"});
 }
 
 TEST_F(Dispatcher, DispatchedRequestAndResponseAreLoggedInOrder) {

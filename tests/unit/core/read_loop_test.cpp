@@ -321,7 +321,11 @@ class ReadLoopOnAScript : public testing::Test {
                        fakes_.privateDirectory,
                        fakes_.terminals,
                        fakes_.processInformation,
-                       fakes_.fileStreams};
+                       fakes_.fileStreams,
+                       fakes_.networkInterfaces,
+                       fakes_.powerControl,
+                       fakes_.hidEvents,
+                       fakes_.clock};
     PlatformScope scope_{services_};
 };
 

@@ -41,7 +41,7 @@ class StartUp : public testing::Test {
             ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
             ::signal(SIGPIPE, SIG_DFL);
             beforehand();
-            runAgent(reaper);
+            runAgent({[] {}, reaper});
         });
         return {status, testing::internal::GetCapturedStderr()};
     }
@@ -137,11 +137,22 @@ class UnlistableSerialDevices : public SerialDevices {
 
 TEST_F(StartUp, ExceptionEndsItWithStatusOneAndAMessage) {
     UnlistableSerialDevices unlistable;
-    Platform services{
-        platform_.systemLog,   platform_.firmware,           unlistable,
-        platform_.hypervisor,  platform_.channelDevice,      platform_.vsockSockets,
-        platform_.remoteLogin, platform_.accounts,           platform_.privateDirectory,
-        platform_.terminals,   platform_.processInformation, platform_.fileStreams};
+    Platform services{platform_.systemLog,
+                      platform_.firmware,
+                      unlistable,
+                      platform_.hypervisor,
+                      platform_.channelDevice,
+                      platform_.vsockSockets,
+                      platform_.remoteLogin,
+                      platform_.accounts,
+                      platform_.privateDirectory,
+                      platform_.terminals,
+                      platform_.processInformation,
+                      platform_.fileStreams,
+                      platform_.networkInterfaces,
+                      platform_.powerControl,
+                      platform_.hidEvents,
+                      platform_.clock};
     const PlatformScope scope(services);
     const End end = endOf([] { exitWith(true); });
     EXPECT_EQ(end.status, 1);
