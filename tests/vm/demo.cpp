@@ -194,6 +194,22 @@ void transferFiles(HostClient& host, VsockPeer& receiver) {
     }
 }
 
+std::int64_t timeIn(const std::string& answer) {
+    return boost::json::parse(answer).at("return").at("time").to_number<std::int64_t>();
+}
+
+void showSystem(HostClient& host) {
+    const std::string timeRequest = R"({"execute":"guest-get-time"})";
+    constexpr std::int64_t hour = 3'600'000'000'000;  // in nanoseconds
+    show(host, "Its network interfaces:", R"({"execute":"guest-network-get-interfaces"})");
+    const std::int64_t time = timeIn(show(host, "What time is it there?", timeRequest));
+    show(host,
+         "Put the clock on by an hour:", requestOf("guest-set-time", {{"time", time + hour}}));
+    if (timeIn(show(host, "And now?", timeRequest)) < time + hour) {
+        throw std::runtime_error("the clock has not been set");
+    }
+}
+
 void converse(VirtualMachine& machine) {
     VsockPeer vsock(machine);
     HostClient host = machine.connectHost();
@@ -213,6 +229,18 @@ void converse(VirtualMachine& machine) {
     run(host, "A program that fails:", {{"path", "/bin/sh"}, {"arg", {"-c", "exit 3"}}});
     resize(host, vsock);
     transferFiles(host, vsock);
+    showSystem(host);
+}
+
+/// A guest that goes down gives no answer.
+void shutDown(VirtualMachine& machine) {
+    const std::string request = R"({"execute":"guest-shutdown"})";
+    HostClient host = machine.connectHost();
+    host.synchronise();
+    std::cout << "\nSwitch it off:\n  host   " << request << std::endl;
+    host.send(request + '\n');
+    machine.awaitEnd();
+    std::cout << "\nThe guest is powered off." << std::endl;
 }
 
 void explainKeeping(const VirtualMachine& machine) {
@@ -244,8 +272,7 @@ int main(int count, char** words) {
             explainKeeping(machine);
             machine.leaveRunning();
         } else {
-            machine.powerOff();
-            std::cout << "\nThe guest is powered off." << std::endl;
+            shutDown(machine);
         }
         return 0;
     } catch (const std::exception& error) {

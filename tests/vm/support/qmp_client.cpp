@@ -19,6 +19,21 @@ std::string QmpClient::execute(std::string_view command) {
         if (line.starts_with("{\"error\"")) {
             throw std::runtime_error(line);
         }
+        events_.push_back(std::move(line));
+    }
+}
+
+std::string QmpClient::awaitEvent(std::string_view name, Limit limit) {
+    const std::string member = "\"event\": \"" + std::string(name) + '"';
+    for (;;) {
+        if (events_.empty()) {
+            events_.push_back(socket_.receiveLine(limit));
+        }
+        std::string line = std::move(events_.front());
+        events_.pop_front();
+        if (line.find(member) != std::string::npos) {
+            return line;
+        }
     }
 }
 

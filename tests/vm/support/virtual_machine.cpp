@@ -1,9 +1,12 @@
 #include "tests/vm/support/virtual_machine.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdlib>
@@ -14,6 +17,8 @@
 namespace corvane::vm {
 namespace {
 
+constexpr Limit startLimit = std::chrono::minutes(4);
+
 std::filesystem::path makeDirectory() {
     std::string name = "/tmp/corvane-vm.XXXXXX";  // short: socket paths end at 107 bytes
     if (::mkdtemp(name.data()) == nullptr) {
@@ -23,7 +28,8 @@ std::filesystem::path makeDirectory() {
 }
 
 std::string kernelCommandLine(const MachineOptions& options) {
-    std::string line = "console=ttyS0 quiet panic=-1";
+    std::string line = "console=ttyS0 quiet ";
+    line += options.disk.empty() ? "panic=-1" : "root=/dev/vda rw";
     if (options.console) {
         line += " corvane.channel=hvc0";
     }
@@ -114,7 +120,6 @@ void VirtualMachine::start(const std::filesystem::path& imageDirectory,
         "-no-user-config",
         "-display",
         "none",
-        "-no-reboot",
         "-kernel",
         imageDirectory / "vmlinux",
         "-initrd",
@@ -144,6 +149,14 @@ void VirtualMachine::start(const std::filesystem::path& imageDirectory,
         words.insert(words.end(), {"-chardev", socketDevice("bridge", bridge), "-device",
                                    "virtserialport,chardev=bridge,name=org.corvane.bridge"});
     }
+    if (options.disk.empty()) {
+        words.emplace_back("-no-reboot");
+    } else {
+        // Nobody but the next guest of this test reads the disk: it need not outlive a power cut.
+        words.insert(words.end(),
+                     {"-smp", "2", "-drive",
+                      "if=virtio,format=raw,cache=unsafe,file=" + options.disk.string()});
+    }
     for (const std::string& entry : options.firmwareEntries) {
         words.insert(words.end(), {"-fw_cfg", entry});
     }
@@ -165,7 +178,7 @@ void VirtualMachine::start(const std::filesystem::path& imageDirectory,
     bridge.close();
     shell_ = std::make_unique<GuestShell>(directory_ / "control");
     try {
-        shell_->awaitReady(std::chrono::minutes(2));
+        shell_->awaitReady(startLimit);
         qmp_ = std::make_unique<QmpClient>(directory_ / "qmp");
     } catch (const std::exception& error) {
         std::ifstream messages(directory_ / "qemu.log");
@@ -189,14 +202,36 @@ void VirtualMachine::powerOff() {
     } catch (const EndOfStream&) {
         // The guest was gone before its answer was out.
     }
+    awaitEnd();
+}
+
+void VirtualMachine::awaitEnd(Limit limit) {
+    const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, process_, 0)));
+    if (!process.isOpen()) {
+        throw std::system_error(errno, std::generic_category(), "pidfd_open");
+    }
+    pollfd ended{process.borrow(), POLLIN, 0};
+    if (::poll(&ended, 1, static_cast<int>(limit.count())) == 0) {
+        throw HangError("QEMU does not end; the guest's log:\n" + log_->since(0));
+    }
     ::waitpid(std::exchange(process_, -1), nullptr, 0);
-    std::filesystem::remove_all(directory_);
+}
+
+void VirtualMachine::awaitRestart() {
+    shell_->awaitReady(startLimit);
+}
+
+void VirtualMachine::leaveRunning() {
+    leftRunning_ = true;
+    process_ = -1;
 }
 
 void VirtualMachine::end() {
     if (process_ > 0) {
         ::kill(process_, SIGKILL);
         ::waitpid(process_, nullptr, 0);
+    }
+    if (!leftRunning_) {
         std::filesystem::remove_all(directory_);
     }
 }

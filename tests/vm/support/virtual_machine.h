@@ -16,6 +16,9 @@ namespace corvane::vm {
 
 /// What a guest is made of, beyond what all have in common.
 struct MachineOptions {
+    /// The disk of a Debian guest (see vm/build_debian), which is written to; such a guest can
+    /// restart within its machine. Without one the guest is a small one that lives in memory.
+    std::filesystem::path disk = {};
     /// Further words of the kernel's command line.
     std::vector<std::string> kernelWords = {};
     /// Arguments of QEMU's -fw_cfg, one for each entry.
@@ -31,7 +34,7 @@ struct MachineOptions {
     bool endWithParent = true;
 };
 
-/// A running guest. Ends QEMU and removes its directory at the end of its life, unless left alone.
+/// A guest. Ends QEMU and removes its directory at the end of its life, unless left alone.
 class VirtualMachine {
  public:
     /// Boots the image of `imageDirectory` (see vm/build) and waits until its services run.
@@ -56,14 +59,21 @@ class VirtualMachine {
     std::size_t settleLog();
     /// Orders the guest to power off and waits for QEMU's end.
     void powerOff();
+    /// Waits until the guest has powered itself off and QEMU has ended; throws HangError when it
+    /// does not. The log can still be read.
+    void awaitEnd(Limit limit = hangLimit);
+    bool hasEnded() const { return process_ < 0; }
+    /// Waits until the guest, which is restarting, has started again. The next host is a new one.
+    void awaitRestart();
     /// Leaves QEMU running when this object ends.
-    void leaveRunning() { process_ = -1; }
+    void leaveRunning();
 
  private:
     void start(const std::filesystem::path& imageDirectory, const MachineOptions& options);
     void end();
 
     std::filesystem::path directory_;
+    bool leftRunning_ = false;
     pid_t process_ = -1;
     std::unique_ptr<ConsoleLog> log_;
     std::unique_ptr<GuestShell> shell_;
