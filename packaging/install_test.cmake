@@ -1,5 +1,7 @@
 # Installs the component into an empty folder, with a prefix that is not the build's, and looks at
-# what is there. Takes BUILD_DIRECTORY, WORK_DIRECTORY, SBIN, UNIT_DIRECTORY, RULES_DIRECTORY.
+# what is there. Takes BUILD_DIRECTORY, WORK_DIRECTORY, the folders below the prefix (SBIN,
+# UNIT_DIRECTORY, RULES_DIRECTORY, MANUAL_DIRECTORY, DOCUMENT_DIRECTORY), and PAGES, the pages of
+# docs/ that are installed.
 cmake_minimum_required(VERSION 3.25)
 
 function(must_contain file line)
@@ -26,7 +28,14 @@ list(SORT installed)
 set(expected
     opt/agent/${RULES_DIRECTORY}/70-corvane.rules
     opt/agent/${UNIT_DIRECTORY}/corvane.service
-    opt/agent/${SBIN}/corvane)
+    opt/agent/${SBIN}/corvane
+    opt/agent/${MANUAL_DIRECTORY}/man8/corvane.8
+    opt/agent/${DOCUMENT_DIRECTORY}/CHANGELOG.md
+    opt/agent/${DOCUMENT_DIRECTORY}/README.md
+    opt/agent/${DOCUMENT_DIRECTORY}/copyright)
+foreach(page IN LISTS PAGES)
+    list(APPEND expected opt/agent/${DOCUMENT_DIRECTORY}/docs/${page})
+endforeach()
 list(SORT expected)
 if(NOT installed STREQUAL expected)
     message(SEND_ERROR "installed: ${installed}\nexpected: ${expected}")
@@ -47,13 +56,18 @@ must_contain(${unit} "Restart=always")
 must_contain(${unit} "KillMode=process")
 must_contain(${unit} "OOMPolicy=continue")
 must_contain(${unit} "TasksMax=infinity")
+must_contain(${unit} "UnsetEnvironment=INVOCATION_ID JOURNAL_STREAM SYSTEMD_EXEC_PID")
 file(READ ${unit} text)
 if(text MATCHES "@")
     message(SEND_ERROR "${unit} has a place that was not filled in")
 endif()
-if(text MATCHES "\n(OOMScoreAdjust|Private[A-Za-z]*|Protect[A-Za-z]*|Capability[A-Za-z]*|NoNewPrivileges|Memory[A-Za-z]*)=")
-    message(SEND_ERROR "${unit} sets ${CMAKE_MATCH_1}, which the host's programs would inherit")
-endif()
+foreach(directive OOMScoreAdjust NoNewPrivileges UMask LockPersonality "Private[A-Za-z]*"
+        "Protect[A-Za-z]*" "Restrict[A-Za-z]*" "Capability[A-Za-z]*" "SystemCall[A-Za-z]*"
+        "Device[A-Za-z]*" "IPAddress[A-Za-z]*" "ReadOnly[A-Za-z]*" "Memory[A-Za-z]*" "CPU[A-Za-z]*")
+    if(text MATCHES "\n(${directive})=")
+        message(SEND_ERROR "${unit} sets ${CMAKE_MATCH_1}, which the host's programs would inherit")
+    endif()
+endforeach()
 
 # The rule starts that very unit.
 file(READ ${stage}/opt/agent/${RULES_DIRECTORY}/70-corvane.rules text)
