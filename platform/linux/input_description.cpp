@@ -1,0 +1,138 @@
+#include "platform/linux/input_description.h"
+
+#include <linux/hid.h>
+#include <linux/input.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <array>
+#include <climits>
+#include <cstddef>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include "platform/linux/small_file.h"
+
+namespace corvane {
+
+namespace {
+
+/// A set of bits as the kernel hands it out: in words of a long.
+template <std::size_t highest>
+class BitSet {
+ public:
+    /// The codes of `type` that the device can send; for type 0 the types. Empty when it refuses.
+    BitSet(int descriptor, unsigned type) {
+        static_cast<void>(::ioctl(descriptor, EVIOCGBIT(type, sizeof words_), words_.data()));
+    }
+    [[nodiscard]] bool has(std::size_t bit) const {
+        return ((words_[bit / bitsPerWord] >> (bit % bitsPerWord)) & 1UL) != 0;
+    }
+
+ private:
+    static constexpr std::size_t bitsPerWord = sizeof(unsigned long) * CHAR_BIT;
+    std::array<unsigned long, highest / bitsPerWord + 1> words_{};
+};
+
+std::string physOf(int descriptor) {
+    std::array<char, 256> text{};
+    // A device may have none. The last byte stays zero whatever comes.
+    static_cast<void>(::ioctl(descriptor, EVIOCGPHYS(sizeof text - 1), text.data()));
+    return text.data();
+}
+
+/// The buttons that machines have themselves: of ACPI, fixed or a device of its own, and of device
+/// trees.
+bool isMachinesButton(const InputDescription& description) {
+    const std::string_view phys = description.phys;
+    return description.bus == BUS_HOST &&
+           (phys.starts_with("LNXPWRBN/") || phys.starts_with("PNP0C0C/") ||
+            phys.starts_with("gpio-keys/"));
+}
+
+}  // namespace
+
+void addHidParent(InputDescription& description, int descriptor, const std::string& sysRoot) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) != 0) {
+        return;
+    }
+    const std::string parent = sysRoot + "/dev/char/" + std::to_string(major(status.st_rdev)) +
+                               ":" + std::to_string(minor(status.st_rdev)) + "/device/device";
+    std::error_code error;
+    const auto bus = std::filesystem::read_symlink(parent + "/subsystem", error);
+    description.isHid = !error && bus.filename() == "hid";
+    if (description.isHid) {
+        auto content = readSmallFile(parent + "/report_descriptor", HID_MAX_DESCRIPTOR_SIZE);
+        description.reportDescriptor = content.ok() ? content.take() : std::string();
+    }
+}
+
+std::optional<InputDescription> describeInputDevice(int descriptor, const std::string& sysRoot) {
+    input_id id{};
+    if (::ioctl(descriptor, EVIOCGID, &id) < 0) {
+        return std::nullopt;
+    }
+    const BitSet<EV_MAX> types(descriptor, 0);
+    const BitSet<KEY_MAX> keys(descriptor, EV_KEY);
+    const BitSet<MSC_MAX> miscellaneous(descriptor, EV_MSC);
+    InputDescription description;
+    description.bus = id.bustype;
+    description.phys = physOf(descriptor);
+    description.hasKeys = types.has(EV_KEY);
+    description.hasPowerKey = description.hasKeys && keys.has(KEY_POWER);
+    description.hasScanCodes = types.has(EV_MSC) && miscellaneous.has(MSC_SCAN);
+    addHidParent(description, descriptor, sysRoot);
+    return description;
+}
+
+KeySource keySourceOf(const InputDescription& description, std::uint32_t usagePage) {
+    if (!description.hasKeys) {
+        return KeySource::none;
+    }
+    if (description.isHid) {
+        const bool maySpeakOfPage = description.reportDescriptor.empty() ||
+                                    reportDescriptorNames(description.reportDescriptor, usagePage);
+        return description.hasScanCodes && maySpeakOfPage ? KeySource::hid : KeySource::none;
+    }
+    const bool counts =
+        usagePage == consumerUsagePage && description.hasPowerKey && isMachinesButton(description);
+    return counts ? KeySource::powerButton : KeySource::none;
+}
+
+bool reportDescriptorNames(std::string_view descriptor, std::uint32_t usagePage) {
+    // An item is a byte of tag, type and size, and 0, 1, 2 or 4 bytes of data, the lowest first.
+    constexpr unsigned sizeMask = 0x03;
+    constexpr unsigned longItem = 0xFE;  // its size is in the next byte, before one for its tag
+    constexpr unsigned usagePageTag = 0x04;
+    constexpr unsigned usageTag = 0x08;       // these three hold a page of their own
+    constexpr unsigned leastUsageTag = 0x18;  // when they are four bytes long
+    constexpr unsigned greatestUsageTag = 0x28;
+    const auto byteAt = [descriptor](std::size_t place) -> std::uint32_t {
+        return place < descriptor.size() ? static_cast<unsigned char>(descriptor[place]) : 0;
+    };
+    for (std::size_t place = 0; place < descriptor.size();) {
+        const unsigned prefix = byteAt(place);
+        if (prefix == longItem) {
+            place += 3 + byteAt(place + 1);
+            continue;
+        }
+        const std::size_t size = (prefix & sizeMask) == 3 ? 4 : prefix & sizeMask;
+        std::uint32_t value = 0;
+        for (std::size_t index = size; index > 0; --index) {
+            value = value << 8U | byteAt(place + index);
+        }
+        const unsigned tag = prefix & ~sizeMask;
+        const bool isUsage = tag == usageTag || tag == leastUsageTag || tag == greatestUsageTag;
+        if ((tag == usagePageTag && value == usagePage) ||
+            (isUsage && size == 4 && value >> 16U == usagePage)) {
+            return true;
+        }
+        place += 1 + size;
+    }
+    return false;
+}
+
+}  // namespace corvane

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/linux/key_report.h"
+
+namespace corvane {
+
+/// What an input device says about itself, and the kernel about it.
+struct InputDescription {
+    std::uint16_t bus = 0;      ///< BUS_... of linux/input.h
+    std::string phys;           ///< its place in the machine: "LNXPWRBN/button/input0"
+    bool hasKeys = false;       ///< EV_KEY
+    bool hasPowerKey = false;   ///< KEY_POWER among them
+    bool hasScanCodes = false;  ///< MSC_SCAN
+    bool isHid = false;         ///< its parent is a device of the kernel's HID bus
+    /// What a HID device says that it reports, "" where that cannot be had. Device Class Definition
+    /// for HID 1.11, section 6.2.2.
+    std::string reportDescriptor;
+};
+
+/// Asks an open input device. Nothing for a descriptor that is none, or whose device is gone.
+/// `sysRoot` is the mount point of sysfs.
+std::optional<InputDescription> describeInputDevice(int descriptor,
+                                                    const std::string& sysRoot = "/sys");
+
+/// Adds what sysfs knows of the HID device that an open input device belongs to, if there is one.
+void addHidParent(InputDescription& description, int descriptor, const std::string& sysRoot);
+
+/// How to read the keys of a device for the events of `usagePage`; `none` when it can have none.
+KeySource keySourceOf(const InputDescription& description, std::uint32_t usagePage);
+
+/// Whether a report descriptor speaks of usages of `usagePage`.
+bool reportDescriptorNames(std::string_view descriptor, std::uint32_t usagePage);
+
+}  // namespace corvane
