@@ -7,6 +7,7 @@
 
 #include "core/descriptor_guard.h"
 #include "platform/linux/linux_channel_device.h"
+#include "platform/linux/linux_network_interfaces.h"
 #include "platform/platform.h"
 #include "tests/fakes/fake_process_services.h"
 #include "tests/fakes/fake_services.h"
@@ -62,7 +63,7 @@ class BenchPlatform {
     FakeTerminals terminals_;
     FakeProcessInformation processInformation_;
     FakeFileStreams fileStreams_;
-    FakeNetworkInterfaces networkInterfaces_;
+    LinuxNetworkInterfaces networkInterfaces_;
     FakePowerControl powerControl_;
     FakeHidEvents hidEvents_;
     FakeClock clock_;

@@ -1,10 +1,15 @@
 #include "commands/all_commands.h"
 
+#include <cerrno>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "core/json_writer.h"
+#include "tests/fakes/fake_platform.h"
+#include "tests/unit/core/json_helper.h"
 
 namespace corvane {
 namespace {
@@ -58,6 +63,20 @@ TEST(AllCommands, ThoseOfThreeNamesTakeNoArguments) {
     }
 }
 
+/// What the handler of a command answers to arguments, as JSON.
+std::string answerOf(std::string_view name, const std::string& arguments) {
+    for (const Command& command : allCommands) {
+        if (command.name == name) {
+            const JsonValue value = valueOf(arguments);
+            const auto* plain = std::get_if<PlainHandler>(&command.handler);
+            return writeJson(plain != nullptr
+                                 ? (*plain)()
+                                 : std::get<ArgumentsHandler>(command.handler)(value.object()));
+        }
+    }
+    return "no such command";
+}
+
 /// What a command answers when it gets an empty object.
 std::string answerToNothing(std::string_view name) {
     for (const Command& command : allCommands) {
@@ -84,7 +103,21 @@ TEST(AllCommands, NamesLeadToTheirHandlers) {
           "mirel-guest-file-vsock-write", "guest-file-seek", "guest-file-flush"}) {
         EXPECT_EQ(answerToNothing(name), "handle is not a number") << name;
     }
+    EXPECT_EQ(answerToNothing("guest-set-time"), "time is not a number");
     EXPECT_EQ(answerToNothing("mirel-guest-signal-pid"), "signal is not a number");
+}
+
+TEST(AllCommands, NamesLeadToWhatIsAskedOfTheGuest) {
+    FakePlatform platform;
+    platform.networkInterfaces.error = ENOBUFS;
+    EXPECT_EQ(answerOf("guest-network-get-interfaces", "{}"),
+              R"({"error":{"class":"GenericError","desc":"getifaddrs error 105"}})");
+    EXPECT_EQ(answerOf("guest-shutdown", R"({"mode":"reboot"})"), R"({"return":{}})");
+    EXPECT_EQ(platform.powerControl.performed(), std::vector<PowerAction>{PowerAction::restart});
+    EXPECT_EQ(answerOf("guest-set-time", R"({"time":5000000007})"), R"({"return":{}})");
+    EXPECT_EQ(answerOf("guest-get-time", "{}"), R"({"return":{"time":5000000007}})");
+    EXPECT_EQ(answerOf("mirel-guest-set-remote-login", R"({"enabled":1})"), R"({"return":{}})");
+    EXPECT_EQ(platform.remoteLogin.switched, std::vector<bool>{true});
 }
 
 }  // namespace

@@ -1,18 +1,27 @@
 #include "core/start_up.h"
 
+#include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
+#include <functional>
 #include <new>
+#include <set>
+#include <string>
+#include <string_view>
 
 #include <gtest/gtest.h>
 
+#include "core/message.h"
 #include "tests/fakes/child_process.h"
 #include "tests/fakes/fake_platform.h"
 #include "tests/fakes/forbidden_call.h"
+#include "tests/unit/core/signal_mask.h"
 
 namespace corvane {
 namespace {
@@ -21,6 +30,8 @@ const char* const firstLines =
     "Corvane 1.3-MirelVirtIO-221.100.2~2982\n"
     "Cannot find entry /options on this system\n"
     "Cannot find entry /product on this system\n";
+
+constexpr unsigned hangLimit = 60;  // seconds, and no test comes near it
 
 /// What becomes of an agent that starts in a child. The entry function of its reaper thread runs
 /// when everything else has been set up, and can look at the process from inside.
@@ -36,12 +47,13 @@ class StartUp : public testing::Test {
         platform_.systemLog.echoToStandardError = true;
         testing::internal::CaptureStderr();
         const int status = exitStatusOf([&] {
+            ::alarm(hangLimit);
             sigset_t none;
             ::sigemptyset(&none);
             ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
             ::signal(SIGPIPE, SIG_DFL);
             beforehand();
-            runAgent({[] {}, reaper});
+            runAgent({listener_, reaper});
         });
         return {status, testing::internal::GetCapturedStderr()};
     }
@@ -52,7 +64,29 @@ class StartUp : public testing::Test {
         EXPECT_EQ(endOf(reaper, beforehand).status, 0);
     }
 
+    /// The fake platform with two services of the test's own.
+    static Platform servicesWith(SystemLog& log, SerialDevices& serialDevices) {
+        Platform& fakes = platform();
+        return {log,
+                fakes.firmware,
+                serialDevices,
+                fakes.hypervisor,
+                fakes.channelDevice,
+                fakes.vsockSockets,
+                fakes.remoteLogin,
+                fakes.accounts,
+                fakes.privateDirectory,
+                fakes.terminals,
+                fakes.processInformation,
+                fakes.fileStreams,
+                fakes.networkInterfaces,
+                fakes.powerControl,
+                fakes.hidEvents,
+                fakes.clock};
+    }
+
     FakePlatform platform_;
+    ThreadEntry listener_ = [] {};
 };
 
 void exitWith(bool found) {
@@ -129,6 +163,144 @@ TEST_F(StartUp, InstallsAHandlerForSigchldWithAnEmptyMaskAndNoNoticeOfStoppedChi
     });
 }
 
+constexpr char buttonUnavailable[] = "Unable to register for HID power button events.\n";
+
+/// Whether the agent at the other end of a channel answers what its host sends.
+bool answersAHost(FakeChannelDevice& device) {
+    const DescriptorGuard host = device.takeHostEnd();
+    constexpr std::string_view request = "[]\n";
+    std::array<char, 256> answer{};
+    return ::write(host.borrow(), request.data(), request.size()) > 0 &&
+           ::read(host.borrow(), answer.data(), answer.size()) > 0 && answer.front() == '{';
+}
+
+[[noreturn]] void waitForGood() {
+    for (;;) {
+        ::pause();
+    }
+}
+
+TEST_F(StartUp, PowerButtonListenerHasAllSignalsBlocked) {
+    listener_ = [] { exitWith(blockedSignals() == blockableSignals()); };
+    expectFound(waitForGood);
+}
+
+TEST_F(StartUp, PowerButtonListenerLeavesOnlySigchldBlockedInTheOthers) {
+    expectFound([] { exitWith(blockedSignals() == std::set{SIGCHLD}); });
+}
+
+TEST_F(StartUp, PowerButtonListenerIsNotWaitedFor) {
+    listener_ = [] { waitForGood(); };
+    expectFound([] { exitWith(true); });
+}
+
+TEST_F(StartUp, PowerButtonListenerIsStartedOnceAndOnAThreadOfItsOwn) {
+    static std::atomic<int> starts = 0;
+    static std::atomic<pid_t> listener = 0;
+    listener_ = [] {
+        listener = ::gettid();
+        ++starts;
+        starts.notify_one();
+    };
+    expectFound([] {
+        starts.wait(0);
+        exitWith(starts == 1 && listener != ::gettid() && listener != ::getpid());
+    });
+}
+
+TEST_F(StartUp, AgentWhoseListenerGivesUpAnswersItsHost) {
+    static FakeChannelDevice* device = nullptr;
+    static std::atomic<bool> gaveUp = false;
+    device = &platform_.channelDevice;
+    listener_ = [] {
+        logPowerButtonUnavailable();
+        gaveUp = true;
+        gaveUp.notify_one();
+    };
+    const End end = endOf([] {
+        gaveUp.wait(false);
+        exitWith(answersAHost(*device));
+    });
+    EXPECT_EQ(end.status, 0);
+    EXPECT_EQ(end.log, std::string(firstLines) + buttonUnavailable);
+}
+
+pthread_attr_t usualThreads;
+
+/// No thread can be made from now on. See pthread_setattr_default_np(3).
+void refuseThreads() {
+    ::pthread_getattr_default_np(&usualThreads);
+    pthread_attr_t unfit;
+    ::pthread_attr_init(&unfit);
+    ::pthread_attr_setstacksize(&unfit, std::size_t{1} << 60U);
+    ::pthread_setattr_default_np(&unfit);
+}
+
+void allowThreads() {
+    ::pthread_setattr_default_np(&usualThreads);
+}
+
+/// Notices when the power button is given up, which is between two steps of the start where no
+/// thread can be made for it.
+class WatchfulLog : public FakeSystemLog {
+ public:
+    void write(LogCategory category, std::string_view text) noexcept override {
+        FakeSystemLog::write(category, text);
+        if (text == buttonUnavailable) {
+            whenUnavailable();
+        }
+    }
+
+    std::function<void()> whenUnavailable;
+};
+
+class StartUpWithoutThreads : public StartUp {
+ protected:
+    StartUpWithoutThreads() { log_.echoToStandardError = true; }
+
+    WatchfulLog log_;
+
+ private:
+    Platform services_ = servicesWith(log_, platform_.serialDevices);
+    PlatformScope scope_{services_};
+};
+
+TEST_F(StartUpWithoutThreads, AgentSaysThatThereIsNoPowerButtonAndRunsOn) {
+    static FakeChannelDevice* device = nullptr;
+    device = &platform_.channelDevice;
+    log_.whenUnavailable = allowThreads;
+    listener_ = [] { ::_exit(7); };
+    const End end = endOf([] { exitWith(answersAHost(*device)); }, refuseThreads);
+    EXPECT_EQ(end.status, 0);
+    EXPECT_EQ(end.log, std::string(firstLines) + buttonUnavailable);
+}
+
+TEST_F(StartUpWithoutThreads, ListenerComesBeforeTheLimitOfOpenFilesAndTheChildSignal) {
+    log_.whenUnavailable = [] {
+        struct sigaction action {};
+        ::sigaction(SIGCHLD, nullptr, &action);
+        exitWith(openFileLimitIs(256, 2048) && action.sa_handler == SIG_DFL);
+    };
+    expectFound([] { ::_exit(7); },
+                [] {
+                    ::signal(SIGCHLD, SIG_DFL);
+                    setOpenFileLimit(256, 2048);
+                    refuseThreads();
+                });
+}
+
+TEST_F(StartUpWithoutThreads, SignalsAreAsTheyWereAfterTheListener) {
+    log_.whenUnavailable = allowThreads;
+    expectFound([] { exitWith(blockedSignals() == std::set{SIGCHLD}); }, refuseThreads);
+}
+
+TEST_F(StartUpWithoutThreads, OutsideAVirtualMachineNoListenerIsStarted) {
+    platform_.hypervisor.indicator = 0;
+    const End end = endOf([] { ::_exit(7); }, refuseThreads);
+    EXPECT_EQ(end.status, 1);
+    EXPECT_EQ(end.log, std::string(firstLines) + "Invalid guest agent environment.\n");
+}
+
 /// What is thrown before the read loop runs must not end in an abort either.
 class UnlistableSerialDevices : public SerialDevices {
  public:
@@ -137,22 +309,7 @@ class UnlistableSerialDevices : public SerialDevices {
 
 TEST_F(StartUp, ExceptionEndsItWithStatusOneAndAMessage) {
     UnlistableSerialDevices unlistable;
-    Platform services{platform_.systemLog,
-                      platform_.firmware,
-                      unlistable,
-                      platform_.hypervisor,
-                      platform_.channelDevice,
-                      platform_.vsockSockets,
-                      platform_.remoteLogin,
-                      platform_.accounts,
-                      platform_.privateDirectory,
-                      platform_.terminals,
-                      platform_.processInformation,
-                      platform_.fileStreams,
-                      platform_.networkInterfaces,
-                      platform_.powerControl,
-                      platform_.hidEvents,
-                      platform_.clock};
+    Platform services = servicesWith(platform_.systemLog, unlistable);
     const PlatformScope scope(services);
     const End end = endOf([] { exitWith(true); });
     EXPECT_EQ(end.status, 1);
