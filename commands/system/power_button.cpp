@@ -22,8 +22,13 @@ void handlePowerButtonEvent(const HidEvent& event) {
     const bool isPowerButton = event.type == HidEvent::keyboardType &&
                                event.usagePage == consumerPage &&
                                (event.usage == consumerMenu || event.usage == consumerPower);
-    if (isPowerButton && event.keyDown != 0) {
+    if (!isPowerButton || event.keyDown == 0) {
+        return;
+    }
+    try {
         static_cast<void>(platform().powerControl.perform(PowerAction::powerOff));
+    } catch (const std::exception&) {
+        // Without memory for the order, say. The next press finds the listener at its place.
     }
 }
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <vector>
 
@@ -34,6 +35,9 @@ class FakePowerControl : public PowerControl {
     bool perform(PowerAction action) override {
         const std::lock_guard lock(mutex_);
         performed_.push_back(action);
+        if (lacksMemory) {
+            throw std::bad_alloc();
+        }
         return accepts;
     }
 
@@ -43,6 +47,7 @@ class FakePowerControl : public PowerControl {
     }
 
     std::atomic<bool> accepts = true;
+    std::atomic<bool> lacksMemory = false;
 
  private:
     mutable std::mutex mutex_;

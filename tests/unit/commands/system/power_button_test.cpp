@@ -47,6 +47,14 @@ TEST_F(PowerButton, PressesOfPowerAndOfMenuPowerOff) {
     EXPECT_EQ(powerOffs(), 2U);
 }
 
+TEST_F(PowerButton, PressThatMemoryDoesNotSufficeForLeavesTheListenerAtItsPlace) {
+    platform_.powerControl.lacksMemory = true;
+    EXPECT_NO_THROW(handlePowerButtonEvent(powerPress));
+    EXPECT_EQ(platform_.systemLog.status(), std::vector<std::string>());
+    platform_.powerControl.lacksMemory = false;
+    EXPECT_TRUE(powersOff(powerPress));
+}
+
 TEST_F(PowerButton, EveryOtherKeyStateIsAPress) {
     for (const std::uint32_t state : {1U, 2U, 255U, 0x80000000U, 0xFFFFFFFFU}) {
         EXPECT_TRUE(powersOff({3, 0x0C, 0x30, state})) << state;
