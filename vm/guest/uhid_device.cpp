@@ -188,7 +188,9 @@ void awaitOpening(const std::string& program, const std::string& path) {
         pollfd waited{openings, POLLIN, 0};
         ::poll(&waited, 1, moment);
         std::array<char, 4096> told;
-        static_cast<void>(::read(openings, told.data(), told.size()));
+        if (::read(openings, told.data(), told.size()) < 0 && errno != EAGAIN) {
+            fail(path);
+        }
     }
     ::close(openings);
 }
