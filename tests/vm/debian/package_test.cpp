@@ -34,6 +34,21 @@ TEST_F(Package, InstallingItStartsTheAgentAtOnce) {
     EXPECT_EQ(answerTo(host, "guest-ping"), emptyReturn);
 }
 
+TEST_F(Package, InstallingItWithoutThePortWaitsForNothing) {
+    const std::string driver = "/sys/bus/virtio/drivers/virtio_console/";
+    const std::string device = shell().check("cd " + driver + " && echo virtio*");
+    shell().check("echo " + device + " >" + driver + "unbind; udevadm settle");
+    ASSERT_NE(shell().run("test -e /dev/virtio-ports").status, 0);
+    installPackage();
+    EXPECT_EQ(property("corvane.service", "ActiveState"), "inactive");
+    EXPECT_EQ(shell().check("systemctl list-jobs --no-legend"), "");
+    // The port may come later: its name starts the agent.
+    shell().check("echo " + device + " >" + driver + "bind");
+    awaitInGuest("systemctl show --value -p SubState corvane.service", "running");
+    HostClient host = synchronisedHost();
+    EXPECT_EQ(answerTo(host, "guest-ping"), emptyReturn);
+}
+
 TEST_F(Package, InstallingItAgainStartsTheNewAgent) {
     installPackage();
     const std::string before = agentPid();

@@ -45,6 +45,13 @@ TEST_F(SystemdService, AProgramOfTheHostOutlivesARestartOfTheAgent) {
     EXPECT_EQ(answerTo(host, "guest-ping"), emptyReturn);
 }
 
+TEST_F(SystemdService, ProgramsGetWhatALoginGivesAndNothingThatIsForTheAgentAlone) {
+    HostClient host = synchronisedHost();
+    EXPECT_EQ(ExecClient(host).outputOf("env | sort"),
+              "HOME=/root\nLANG=C.UTF-8\nLOGNAME=root\nPATH=/usr/local/sbin:/usr/local/bin:"
+              "/usr/sbin:/usr/bin:/sbin:/bin\nPWD=/\nSHELL=/bin/bash\nUSER=root");
+}
+
 TEST_F(SystemdService, StopsWithoutDelay) {
     shell().check("systemctl stop corvane.service");
     // What takes longer than its time is ended by force, which this tells.

@@ -47,7 +47,12 @@ TEST_F(ShutdownByTheHost, HaltPowersOff) {
     expectPoweredOffInOrder();
 }
 
-TEST_F(ShutdownByTheHost, PowerdownPowersOff) {
+TEST_F(ShutdownByTheHost, PowerdownPowersOffWhileAProgramOfTheHostRuns) {
+    {
+        // It does not hold anything up.
+        HostClient host = synchronisedHost();
+        ExecClient(host).start({{"path", "/bin/sleep"}, {"arg", {"100000"}}});
+    }
     EXPECT_EQ(shutDown(R"(,"arguments":{"mode":"powerdown"})"), emptyReturn);
     expectPoweredOffInOrder();
 }
