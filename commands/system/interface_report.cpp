@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <net/ethernet.h>
-#include <optional>
 #include <span>
 #include <string>
 #include <utility>

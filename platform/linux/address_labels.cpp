@@ -4,10 +4,10 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <net/if.h>
+#include <utility>
 #include <vector>
 
 #include "core/descriptor_guard.h"

@@ -11,7 +11,6 @@
 #include <cstddef>
 #include <filesystem>
 #include <system_error>
-#include <utility>
 
 #include "platform/linux/small_file.h"
 

@@ -58,6 +58,11 @@ InterfaceAddress convert(const ifaddrs& source) {
     InterfaceAddress entry;
     entry.interfaceName = source.ifa_name;
     entry.isUp = (source.ifa_flags & IFF_UP) != 0;
+    if (source.ifa_addr == nullptr) {
+        // An interface without a hardware address, such as a tunnel.
+        entry.family = Family::link;
+        return entry;
+    }
     entry.family = familyOf(*source.ifa_addr);
     entry.address = bytesOf(*source.ifa_addr, entry.family);
     if (source.ifa_netmask != nullptr) {
@@ -109,9 +114,6 @@ std::vector<InterfaceAddress> inOrderOfInterfaces(const ifaddrs* first) {
     Owners owners;
     std::vector<PlacedEntry> placed;
     for (const ifaddrs* source = first; source != nullptr; source = source->ifa_next) {
-        if (source->ifa_addr == nullptr) {
-            continue;
-        }
         InterfaceAddress entry = convert(*source);
         if (entry.family == Family::link) {
             owners.add(entry.interfaceName);

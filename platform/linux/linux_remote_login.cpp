@@ -1,6 +1,5 @@
 #include "platform/linux/linux_remote_login.h"
 
-#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -39,6 +38,9 @@ SystemBus::TimePoint after(std::chrono::milliseconds limit) {
     return std::chrono::steady_clock::now() + limit;
 }
 
+// What the server does now comes first: a service manager that takes long to read all its units
+// anew must not leave it as it was.
+
 void switchOn(SystemBus& manager, const std::vector<SshUnit>& units) {
     const SshUnit* unit = unitToSwitchOn(manager, units);
     if (unit == nullptr) {
@@ -46,25 +48,25 @@ void switchOn(SystemBus& manager, const std::vector<SshUnit>& units) {
     }
     constexpr int persistently = 0;
     constexpr int notByForce = 0;
+    UnitJobs jobs(manager);
+    jobs.start(unit->name);
     static_cast<void>(manager.call(serviceManagerMethod("EnableUnitFiles"), "asbb", 1, unit->name,
                                    persistently, notByForce));
     static_cast<void>(manager.call(serviceManagerMethod("Reload"), ""));
-    UnitJobs jobs(manager);
-    jobs.start(unit->name);
     jobs.await();
 }
 
 void switchOff(SystemBus& manager, const std::vector<SshUnit>& units) {
     constexpr int persistently = 0;
+    UnitJobs jobs(manager);
+    for (const SshUnit& unit : units) {
+        jobs.stop(unit.name);
+    }
     for (const SshUnit& unit : units) {
         static_cast<void>(manager.call(serviceManagerMethod("DisableUnitFiles"), "asb", 1,
                                        unit.name, persistently));
     }
     static_cast<void>(manager.call(serviceManagerMethod("Reload"), ""));
-    UnitJobs jobs(manager);
-    for (const SshUnit& unit : units) {
-        jobs.stop(unit.name);
-    }
     jobs.await();
 }
 

@@ -12,8 +12,12 @@ namespace {
 
 constexpr char loginName[] = "org.freedesktop.login1";
 
-constexpr BusMethod loginManager(const char* member) noexcept {
-    return {loginName, "/org/freedesktop/login1", "org.freedesktop.login1.Manager", member};
+constexpr char loginObject[] = "/org/freedesktop/login1";
+constexpr char loginInterface[] = "org.freedesktop.login1.Manager";
+
+BusReply getLoginProperty(SystemBus& bus, const char* property) {
+    return bus.call({loginName, loginObject, "org.freedesktop.DBus.Properties", "Get"}, "ss",
+                    loginInterface, property);
 }
 
 bool isOnBus(SystemBus& bus, const char* name) {
@@ -69,6 +73,23 @@ bool isStopping(SystemBus& bus) {
            std::string_view(state) == "stopping";
 }
 
+/// Whether login1 has taken up an action, and only waits for programs that it lets end their work.
+bool isPrepared(SystemBus& bus, PowerAction action) {
+    const BusReply preparing = getLoginProperty(bus, "PreparingForShutdown");
+    int isPreparing = 0;
+    if (!preparing.ok() ||
+        sd_bus_message_read(preparing.message.get(), "v", "b", &isPreparing) <= 0 ||
+        isPreparing == 0) {
+        return false;
+    }
+    const BusReply scheduled = getLoginProperty(bus, "ScheduledShutdown");
+    const char* kind = nullptr;
+    std::uint64_t time = 0;
+    return scheduled.ok() &&
+           sd_bus_message_read(scheduled.message.get(), "v", "(st)", &kind, &time) > 0 &&
+           std::string_view(kind) == (action == PowerAction::powerOff ? "poweroff" : "reboot");
+}
+
 bool startTarget(SystemBus& bus, const char* target) {
     // It would take up a restart beside a power-off, and nobody could tell which comes first.
     if (isStopping(bus)) {
@@ -93,10 +114,11 @@ std::optional<bool> askServiceManager(const ServiceManager& manager, PowerAction
     if (bus.isBus()) {
         const char* order = action == PowerAction::powerOff ? "PowerOff" : "Reboot";
         constexpr int notInteractive = 0;
-        const BusReply reply = bus.call(loginManager(order), "b", notInteractive);
+        const BusReply reply =
+            bus.call({loginName, loginObject, loginInterface, order}, "b", notInteractive);
         if (reply.errorName() == "org.freedesktop.login1.OperationInProgress") {
-            // It ends the guest's run already, or puts it to sleep, and does not say which.
-            return isUnderWay(bus, targetOf(action));
+            // It ends the guest's run already, or puts it to sleep.
+            return isPrepared(bus, action) || isUnderWay(bus, targetOf(action));
         }
         if (reply.ok() || !leavesItToTheServiceManager(bus, reply.errorName())) {
             return reply.ok();

@@ -164,6 +164,13 @@ int FakeGuestServices::replyWithProperty(sd_bus_message* call) {
     if (std::string_view(property) == "SystemState") {
         return sd_bus_reply_method_return(call, "v", "s", systemState.c_str());
     }
+    if (std::string_view(property) == "PreparingForShutdown") {
+        return sd_bus_reply_method_return(call, "v", "b", preparingForShutdown ? 1 : 0);
+    }
+    if (std::string_view(property) == "ScheduledShutdown") {
+        return sd_bus_reply_method_return(call, "v", "(st)", scheduledShutdown.c_str(),
+                                          std::uint64_t{0});
+    }
     char* decoded = nullptr;
     sd_bus_path_decode(sd_bus_message_get_path(call), "/org/freedesktop/systemd1/unit", &decoded);
     const std::string unit = decoded != nullptr ? decoded : "";

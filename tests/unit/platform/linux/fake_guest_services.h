@@ -22,6 +22,8 @@ class FakeGuestServices {
     std::map<std::string, std::string> fileStates;    ///< of units; the others do not exist
     std::map<std::string, std::string> activeStates;  ///< of units; "inactive" otherwise
     std::string systemState = "running";
+    bool preparingForShutdown = false;          ///< login1's
+    std::string scheduledShutdown;              ///< login1's: "poweroff" and the like
     std::set<std::string> queuedUnits;          ///< with a job that nobody here has asked for
     std::set<std::string> allowedActions;       ///< polkit's
     std::map<std::string, std::string> errors;  ///< answers by name, where not what is asked for

@@ -157,6 +157,26 @@ TEST_F(InterfacesOfLinux, LabelsOfAnyTextBelongToTheInterfaceThatHasTheAddress) 
                   "eth1 10.0.1.2 255.255.255.0\n");
 }
 
+TEST_F(InterfacesOfLinux, TunnelWithoutAHardwareAddressHasItsAddresses) {
+    if (!tunnelsAreKnown()) {
+        GTEST_SKIP() << "no tunnels here";
+    }
+    EXPECT_EQ(listedAfter([] {
+                  addTunnel("tun0");
+                  addTunnel("tun1");
+                  switchOn("tun0");
+                  addAddress("tun0", "10.8.0.1", 24, {"vpn", ""});
+                  addAddress("tun0", "fd08::1", 64);
+                  addAddress("tun1", "10.9.0.1", 24);
+              }),
+              std::string(loopbackThatIsDown) +
+                  "tun0 link 0\n"
+                  "vpn 10.8.0.1 255.255.255.0\n"
+                  "tun0 fd08::1 ffff:ffff:ffff:ffff::\n"
+                  "tun1 down link 0\n"
+                  "tun1 down 10.9.0.1 255.255.255.0\n");
+}
+
 TEST_F(InterfacesOfLinux, LabelOfAnyTextIsLeftOutWhenItsOwnerIsNotToBeFoundOut) {
     EXPECT_EQ(listedAfter([] {
                   addInterface("eth0", 1);

@@ -1,5 +1,6 @@
 #include "platform/linux/linux_remote_login.h"
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 #include <optional>
@@ -70,8 +71,8 @@ class RemoteLoginTest : public testing::Test {
 };
 
 Calls switchedOn(const std::string& unit) {
-    return {"systemd1.EnableUnitFiles [ " + unit + " ] 0 0", "systemd1.Reload",
-            "systemd1.StartUnit " + unit + " replace"};
+    return {"systemd1.StartUnit " + unit + " replace",
+            "systemd1.EnableUnitFiles [ " + unit + " ] 0 0", "systemd1.Reload"};
 }
 
 // --- isAvailable --------------------------------------------------------------------------------
@@ -312,12 +313,12 @@ TEST_F(RemoteLoginTest, OffDisablesAndStopsEverythingSocketsFirst) {
     remoteLogin().setEnabled(false);
     EXPECT_EQ(
         changes(),
-        (Calls{"systemd1.DisableUnitFiles [ ssh.socket ] 0",
+        (Calls{"systemd1.StopUnit ssh.socket replace", "systemd1.StopUnit sshd.socket replace",
+               "systemd1.StopUnit ssh.service replace", "systemd1.StopUnit sshd.service replace",
+               "systemd1.DisableUnitFiles [ ssh.socket ] 0",
                "systemd1.DisableUnitFiles [ sshd.socket ] 0",
                "systemd1.DisableUnitFiles [ ssh.service ] 0",
-               "systemd1.DisableUnitFiles [ sshd.service ] 0", "systemd1.Reload",
-               "systemd1.StopUnit ssh.socket replace", "systemd1.StopUnit sshd.socket replace",
-               "systemd1.StopUnit ssh.service replace", "systemd1.StopUnit sshd.service replace"}));
+               "systemd1.DisableUnitFiles [ sshd.service ] 0", "systemd1.Reload"}));
 }
 
 TEST_F(RemoteLoginTest, OffLeavesMaskedUnitsAndAliasesAlone) {
@@ -327,8 +328,8 @@ TEST_F(RemoteLoginTest, OffLeavesMaskedUnitsAndAliasesAlone) {
                             {"sshd.socket", "masked-runtime"}};
     serve();
     remoteLogin().setEnabled(false);
-    EXPECT_EQ(changes(), (Calls{"systemd1.DisableUnitFiles [ ssh.service ] 0", "systemd1.Reload",
-                                "systemd1.StopUnit ssh.service replace"}));
+    EXPECT_EQ(changes(), (Calls{"systemd1.StopUnit ssh.service replace",
+                                "systemd1.DisableUnitFiles [ ssh.service ] 0", "systemd1.Reload"}));
 }
 
 TEST_F(RemoteLoginTest, OffGoesOnAfterFailures) {
@@ -338,7 +339,7 @@ TEST_F(RemoteLoginTest, OffGoesOnAfterFailures) {
     serve();
     remoteLogin().setEnabled(false);
     const Calls calls = changes();
-    EXPECT_EQ(calls.back(), "systemd1.StopUnit ssh.service replace");
+    EXPECT_EQ(calls.back(), "systemd1.Reload");
     EXPECT_EQ(calls.size(), 5U);
 }
 
@@ -349,20 +350,47 @@ TEST_F(RemoteLoginTest, IsSwitchedWithoutABusToo) {
     EXPECT_EQ(changes(), switchedOn("ssh.service"));
 }
 
-TEST_F(RemoteLoginTest, IsSwitchedWhenTheServerHasStopped) {
-    services_.fileStates = {{"ssh.service", "enabled"}, {"ssh.socket", "enabled"}};
-    services_.jobsEndAtOnce = false;
-    serve();
-    auto switching = std::async(std::launch::async,
-                                [login = remoteLogin()]() mutable { login.setEnabled(false); });
-    services_.awaitCall("systemd1.StopUnit ssh.service");
-    // Nothing but the end of the jobs ends the waiting. Too short a look would only be kind to a
-    // switch that does not wait.
-    EXPECT_EQ(switching.wait_for(milliseconds(300)), std::future_status::timeout);
-    server().endJobs();
-    const auto start = steady_clock::now();
-    switching.get();
-    EXPECT_LT(steady_clock::now() - start, plenty / 2);
+/// What is waited for is the end of the jobs.
+class RemoteLoginWithSlowServer : public RemoteLoginTest {
+ protected:
+    void expectWait(bool enabled) {
+        services_.fileStates = {{"ssh.service", "enabled"}, {"ssh.socket", "enabled"}};
+        services_.jobsEndAtOnce = false;
+        serve();
+        auto switching = std::async(std::launch::async, [login = remoteLogin(), enabled]() mutable {
+            login.setEnabled(enabled);
+        });
+        services_.awaitCall("systemd1.Reload");
+        // Nothing but the end of the jobs ends the waiting. Too short a look would only be kind to
+        // a switch that does not wait.
+        EXPECT_EQ(switching.wait_for(milliseconds(300)), std::future_status::timeout);
+        server().endJobs();
+        const auto start = steady_clock::now();
+        switching.get();
+        EXPECT_LT(steady_clock::now() - start, plenty / 2);
+    }
+};
+
+TEST_F(RemoteLoginWithSlowServer, IsSwitchedOffWhenTheServerHasStopped) {
+    expectWait(false);
+}
+
+TEST_F(RemoteLoginWithSlowServer, IsSwitchedOnWhenTheServerHasStarted) {
+    expectWait(true);
+}
+
+TEST_F(RemoteLoginTest, AServiceManagerThatTakesLongToReadItsUnitsHasStoppedTheServer) {
+    int rounds = 0;
+    for (const char* method : {"Reload", "DisableUnitFiles"}) {
+        services_.fileStates["ssh.service"] = "enabled";
+        services_.unanswered = {method};
+        serve();
+        limit_ = std::chrono::seconds(1);
+        remoteLogin().setEnabled(false);
+        const Calls calls = changes();
+        const auto stops = std::ranges::count(calls, "systemd1.StopUnit ssh.service replace");
+        EXPECT_EQ(stops, ++rounds) << method;
+    }
 }
 
 TEST_F(RemoteLoginTest, AServerThatDoesNotStopIsNotWaitedForWithoutEnd) {
@@ -373,7 +401,7 @@ TEST_F(RemoteLoginTest, AServerThatDoesNotStopIsNotWaitedForWithoutEnd) {
     const auto start = steady_clock::now();
     remoteLogin().setEnabled(false);
     EXPECT_LT(steady_clock::now() - start, plenty);
-    EXPECT_EQ(changes().back(), "systemd1.StopUnit ssh.service replace");
+    EXPECT_EQ(changes().front(), "systemd1.StopUnit ssh.service replace");
 }
 
 TEST_F(RemoteLoginTest, LeavesNoDescriptorBehind) {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
+#include <linux/if_tun.h>
 #include <linux/rtnetlink.h>
 #include <linux/veth.h>
 #include <sched.h>
@@ -253,6 +254,26 @@ void addCable(const std::string& name, const std::string& otherName) {
     }
     useNoAddressOfItsOwn(name);
     useNoAddressOfItsOwn(otherName);
+}
+
+void addTunnel(const std::string& name) {
+    const DescriptorGuard tunnel(::open("/dev/net/tun", O_RDWR | O_CLOEXEC));
+    ifreq request{};
+    name.copy(request.ifr_name, sizeof(request.ifr_name) - 1);
+    request.ifr_flags = IFF_TUN;
+    // It would go with the descriptor otherwise.
+    if (tunnel.empty() || ::ioctl(tunnel.borrow(), TUNSETIFF, &request) != 0 ||
+        ::ioctl(tunnel.borrow(), TUNSETPERSIST, 1) != 0) {
+        fail(name);
+    }
+}
+
+bool tunnelsAreKnown() {
+    return withPrivateNetwork([] {
+               addTunnel("tun0");
+               return "";
+           })
+        .empty();
 }
 
 bool cablesAreKnown() {

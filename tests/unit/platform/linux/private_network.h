@@ -23,6 +23,12 @@ void addInterface(const std::string& name, unsigned number);
 /// Makes two such interfaces with a cable between them.
 void addCable(const std::string& name, const std::string& otherName);
 
+/// Makes an interface that is down and has no hardware address.
+void addTunnel(const std::string& name);
+
+/// Whether the kernel has tunnels, and lets us make them.
+bool tunnelsAreKnown();
+
 /// Whether the kernel has the kind of interfaces that addCable() makes.
 bool cablesAreKnown();
 

@@ -203,6 +203,19 @@ TEST_F(GuestOnItsWayDown, TakesTheSameOrderAgain) {
     EXPECT_EQ(services_.orders(), Calls{"login1.PowerOff 0"});
 }
 
+TEST_F(GuestOnItsWayDown, TakesTheSameOrderAgainWhileItsProgramsMayEndTheirWork) {
+    services_.preparingForShutdown = true;
+    services_.scheduledShutdown = "poweroff";
+    EXPECT_TRUE(performWithLoginError(inProgress));
+    services_.scheduledShutdown = "reboot";
+    EXPECT_FALSE(performWithLoginError(inProgress));
+}
+
+TEST_F(GuestOnItsWayDown, MayBeOnItsWayToSleepThoughItIsToGoDownLater) {
+    services_.scheduledShutdown = "poweroff";
+    EXPECT_FALSE(performWithLoginError(inProgress));
+}
+
 TEST_F(GuestOnItsWayDown, TakesNoOtherOrder) {
     services_.queuedUnits = {"reboot.target"};
     EXPECT_FALSE(performWithLoginError(inProgress));
