@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "platform/linux/small_file.h"
 
@@ -53,20 +54,24 @@ bool isMachinesButton(const InputDescription& description) {
 
 }  // namespace
 
-void addHidParent(InputDescription& description, int descriptor, const std::string& sysRoot) {
+bool addHidParent(InputDescription& description, int descriptor, const std::string& sysRoot) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) {
-        return;
+        return false;
     }
     const std::string parent = sysRoot + "/dev/char/" + std::to_string(major(status.st_rdev)) +
                                ":" + std::to_string(minor(status.st_rdev)) + "/device/device";
     std::error_code error;
     const auto bus = std::filesystem::read_symlink(parent + "/subsystem", error);
     description.isHid = !error && bus.filename() == "hid";
-    if (description.isHid) {
-        auto content = readSmallFile(parent + "/report_descriptor", HID_MAX_DESCRIPTOR_SIZE);
-        description.reportDescriptor = content.ok() ? content.take() : std::string();
+    if (!description.isHid) {
+        return !error || error == std::errc::no_such_file_or_directory;
     }
+    auto content = readSmallFile(parent + "/report_descriptor", HID_MAX_DESCRIPTOR_SIZE);
+    if (content.ok()) {
+        description.reportDescriptor = content.take();
+    }
+    return content.ok();
 }
 
 std::optional<InputDescription> describeInputDevice(int descriptor, const std::string& sysRoot) {
@@ -83,8 +88,8 @@ std::optional<InputDescription> describeInputDevice(int descriptor, const std::s
     description.hasKeys = types.has(EV_KEY);
     description.hasPowerKey = description.hasKeys && keys.has(KEY_POWER);
     description.hasScanCodes = types.has(EV_MSC) && miscellaneous.has(MSC_SCAN);
-    addHidParent(description, descriptor, sysRoot);
-    return description;
+    return addHidParent(description, descriptor, sysRoot) ? std::optional(std::move(description))
+                                                          : std::nullopt;
 }
 
 KeySource keySourceOf(const InputDescription& description, std::uint32_t usagePage) {
@@ -92,27 +97,28 @@ KeySource keySourceOf(const InputDescription& description, std::uint32_t usagePa
         return KeySource::none;
     }
     if (description.isHid) {
-        const bool maySpeakOfPage = description.reportDescriptor.empty() ||
-                                    reportDescriptorNames(description.reportDescriptor, usagePage);
-        return description.hasScanCodes && maySpeakOfPage ? KeySource::hid : KeySource::none;
+        const bool isOfPage = primaryUsagePage(description.reportDescriptor) == usagePage;
+        return description.hasScanCodes && isOfPage ? KeySource::hid : KeySource::none;
     }
     const bool counts =
         usagePage == consumerUsagePage && description.hasPowerKey && isMachinesButton(description);
     return counts ? KeySource::powerButton : KeySource::none;
 }
 
-bool reportDescriptorNames(std::string_view descriptor, std::uint32_t usagePage) {
+std::optional<std::uint32_t> primaryUsagePage(std::string_view reportDescriptor) {
     // An item is a byte of tag, type and size, and 0, 1, 2 or 4 bytes of data, the lowest first.
     constexpr unsigned sizeMask = 0x03;
     constexpr unsigned longItem = 0xFE;  // its size is in the next byte, before one for its tag
     constexpr unsigned usagePageTag = 0x04;
-    constexpr unsigned usageTag = 0x08;       // these three hold a page of their own
-    constexpr unsigned leastUsageTag = 0x18;  // when they are four bytes long
-    constexpr unsigned greatestUsageTag = 0x28;
-    const auto byteAt = [descriptor](std::size_t place) -> std::uint32_t {
-        return place < descriptor.size() ? static_cast<unsigned char>(descriptor[place]) : 0;
+    constexpr unsigned usageTag = 0x08;  // with a page of its own when it is four bytes long
+    constexpr unsigned collectionTag = 0xA0;
+    const auto byteAt = [reportDescriptor](std::size_t place) -> std::uint32_t {
+        return place < reportDescriptor.size() ? static_cast<unsigned char>(reportDescriptor[place])
+                                               : 0;
     };
-    for (std::size_t place = 0; place < descriptor.size();) {
+    std::uint32_t page = 0;
+    std::optional<std::uint32_t> pageOfUsage;
+    for (std::size_t place = 0; place < reportDescriptor.size();) {
         const unsigned prefix = byteAt(place);
         if (prefix == longItem) {
             place += 3 + byteAt(place + 1);
@@ -124,14 +130,16 @@ bool reportDescriptorNames(std::string_view descriptor, std::uint32_t usagePage)
             value = value << 8U | byteAt(place + index);
         }
         const unsigned tag = prefix & ~sizeMask;
-        const bool isUsage = tag == usageTag || tag == leastUsageTag || tag == greatestUsageTag;
-        if ((tag == usagePageTag && value == usagePage) ||
-            (isUsage && size == 4 && value >> 16U == usagePage)) {
-            return true;
+        if (tag == usagePageTag) {
+            page = value;
+        } else if (tag == usageTag && size == 4) {
+            pageOfUsage = value >> 16U;
+        } else if (tag == collectionTag) {
+            return pageOfUsage.value_or(page);
         }
         place += 1 + size;
     }
-    return false;
+    return std::nullopt;
 }
 
 }  // namespace corvane

@@ -17,23 +17,26 @@ struct InputDescription {
     bool hasPowerKey = false;   ///< KEY_POWER among them
     bool hasScanCodes = false;  ///< MSC_SCAN
     bool isHid = false;         ///< its parent is a device of the kernel's HID bus
-    /// What a HID device says that it reports, "" where that cannot be had. Device Class Definition
-    /// for HID 1.11, section 6.2.2.
+    /// What a HID device says that it reports. Device Class Definition for HID 1.11, section 6.2.2.
     std::string reportDescriptor;
 };
 
-/// Asks an open input device. Nothing for a descriptor that is none, or whose device is gone.
+/// Asks an open input device. Nothing for a descriptor that is none, whose device is gone, or about
+/// which sysfs does not say all, for want of memory or descriptors.
 /// `sysRoot` is the mount point of sysfs.
 std::optional<InputDescription> describeInputDevice(int descriptor,
                                                     const std::string& sysRoot = "/sys");
 
 /// Adds what sysfs knows of the HID device that an open input device belongs to, if there is one.
-void addHidParent(InputDescription& description, int descriptor, const std::string& sysRoot);
+/// False when that cannot be read.
+[[nodiscard]] bool addHidParent(InputDescription& description, int descriptor,
+                                const std::string& sysRoot);
 
 /// How to read the keys of a device for the events of `usagePage`; `none` when it can have none.
 KeySource keySourceOf(const InputDescription& description, std::uint32_t usagePage);
 
-/// Whether a report descriptor speaks of usages of `usagePage`.
-bool reportDescriptorNames(std::string_view descriptor, std::uint32_t usagePage);
+/// The usage page of a HID device as a whole: that of its first collection. A keyboard that has
+/// media keys as well is a keyboard. Nothing for a report descriptor without a collection.
+std::optional<std::uint32_t> primaryUsagePage(std::string_view reportDescriptor);
 
 }  // namespace corvane

@@ -3,7 +3,8 @@
 //
 //   uhid-device KIND [--opened-by PROGRAM] [WORD...]
 //
-// KIND is consumer-control, keyboard or system-control. The WORDs are done in their order:
+// KIND is consumer-control, keyboard, media-keyboard or system-control. The WORDs are done in their
+// order:
 //
 //   press KEY    KEY goes down: "power", "menu" or the number of a usage of the kind's page
 //   release      no key is down any more
@@ -57,7 +58,8 @@ constexpr int hangLimit = 60000;  // milliseconds
 
 [[noreturn]] void failUsage() {
     std::fputs(
-        "usage: uhid-device consumer-control|keyboard|system-control [--opened-by PROGRAM]"
+        "usage: uhid-device consumer-control|keyboard|media-keyboard|system-control [--opened-by "
+        "PROGRAM]"
         " [press power|menu|USAGE] [release] [hold]\n",
         stderr);
     std::exit(2);
@@ -87,6 +89,11 @@ std::vector<Kind> allKinds() {
         {"keyboard", 0, 0xFF, 0x66, 0x76, 1, {0x05, 0x01, 0x09, 0x06, 0xA1, 0x01, 0x05, 0x07,
                                               0x15, 0x00, 0x26, 0xFF, 0x00, 0x19, 0x00, 0x29,
                                               0xFF, 0x75, 0x08, 0x95, 0x01, 0x81, 0x00, 0xC0}},
+        // The first of these two collections says what the device is: a keyboard.
+        {"media-keyboard", 0, 0x3FF, 0x30, 0x40, 2, {0x05, 0x01, 0x09, 0x06, 0xA1, 0x01, 0xC0, 0x05,
+                                                     0x0C, 0x09, 0x01, 0xA1, 0x01, 0x15, 0x00, 0x26,
+                                                     0xFF, 0x03, 0x19, 0x00, 0x2A, 0xFF, 0x03, 0x75,
+                                                     0x10, 0x95, 0x01, 0x81, 0x00, 0xC0}},
         // Generic Desktop page, System Control: System Power Down, Sleep and Wake Up.
         {"system-control", 0x80, 0x83, 0x81, 0, 1, {0x05, 0x01, 0x09, 0x80, 0xA1, 0x01, 0x15,
                                                     0x01, 0x25, 0x03, 0x19, 0x81, 0x29, 0x83,

@@ -97,6 +97,16 @@ TEST_F(PowerButton, AKeyboardsPowerKeyDoesNothing) {
     expectNoShutdown();
 }
 
+TEST_F(PowerButton, AKeyboardsMediaKeysDoNothing) {
+    plugIn("media-keyboard");
+    awaitSettledAgent();
+    work("press power", "scan 0xc0030 key 116 value 1");
+    work("release", "scan 0xc0030 key 116 value 0");
+    work("press menu", "scan 0xc0040 key 139 value 1");
+    work("release", "scan 0xc0040 key 139 value 0");
+    expectNoShutdown();
+}
+
 TEST_F(PowerButton, ASystemControlDoesNothing) {
     plugIn("system-control");
     awaitSettledAgent();

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,6 +18,7 @@
 namespace corvane {
 namespace {
 
+constexpr std::uint32_t desktopPage = 0x01;
 constexpr std::uint32_t keyboardPage = 0x07;
 
 /// Report descriptors: of a device with the keys of the Consumer page, and of a keyboard.
@@ -92,15 +94,14 @@ TEST(KeySourceOf, MachinesButtonHasEventsOfTheConsumerPageAlone) {
     EXPECT_EQ(keySourceOf(machinesButton("LNXPWRBN/button/input0"), keyboardPage), KeySource::none);
 }
 
-TEST(KeySourceOf, HidDeviceCountsForThePagesOfItsReports) {
+TEST(KeySourceOf, HidDeviceCountsForThePageOfItsFirstCollection) {
     EXPECT_EQ(keySourceOf(hidDevice(consumerControl), consumerUsagePage), KeySource::hid);
     EXPECT_EQ(keySourceOf(hidDevice(consumerControl), keyboardPage), KeySource::none);
     EXPECT_EQ(keySourceOf(hidDevice(keyboard), consumerUsagePage), KeySource::none);
-    EXPECT_EQ(keySourceOf(hidDevice(keyboard), keyboardPage), KeySource::hid);
-}
-
-TEST(KeySourceOf, HidDeviceWhoseReportsAreUnknownCounts) {
-    EXPECT_EQ(sourceOf(hidDevice("")), KeySource::hid);
+    EXPECT_EQ(keySourceOf(hidDevice(keyboard), desktopPage), KeySource::hid);
+    EXPECT_EQ(sourceOf(hidDevice(keyboard + consumerControl)), KeySource::none) << "media keys";
+    EXPECT_EQ(sourceOf(hidDevice(consumerControl + keyboard)), KeySource::hid);
+    EXPECT_EQ(sourceOf(hidDevice("")), KeySource::none);
 }
 
 TEST(KeySourceOf, BusOfAHidDeviceDoesNotMatter) {
@@ -133,41 +134,45 @@ TEST(KeySourceOf, ScanCodesOfADeviceThatIsNotHidDoNotCount) {
     }
 }
 
-TEST(ReportDescriptor, NamesThePagesOfItsItems) {
-    EXPECT_TRUE(reportDescriptorNames(consumerControl, consumerUsagePage));
-    EXPECT_FALSE(reportDescriptorNames(consumerControl, 0x01));
-    EXPECT_TRUE(reportDescriptorNames(keyboard, 0x01));
-    EXPECT_TRUE(reportDescriptorNames(keyboard, keyboardPage));
-    EXPECT_FALSE(reportDescriptorNames(keyboard, consumerUsagePage));
+/// Items, and then the beginning of a collection.
+std::optional<std::uint32_t> pageAfter(const std::string& items) {
+    return primaryUsagePage(items + "\xA1\x01");
 }
 
-TEST(ReportDescriptor, PageMayBeLongerThanAByte) {
-    EXPECT_TRUE(reportDescriptorNames({"\x06\x0C\x00", 3}, 0x0C));
-    EXPECT_TRUE(reportDescriptorNames({"\x07\x0C\x00\x00\x00", 5}, 0x0C));
-    EXPECT_TRUE(reportDescriptorNames({"\x06\x00\xFF", 3}, 0xFF00));
-    EXPECT_FALSE(reportDescriptorNames({"\x06\x0C\xFF", 3}, 0x0C));
+TEST(PrimaryUsagePage, IsThatOfTheFirstCollection) {
+    EXPECT_EQ(primaryUsagePage(consumerControl), consumerUsagePage);
+    EXPECT_EQ(primaryUsagePage(keyboard), desktopPage);
+    EXPECT_EQ(primaryUsagePage(keyboard + consumerControl), desktopPage);
+    EXPECT_EQ(pageAfter("\x05\x01\x09\x06\x05\x0C"), consumerUsagePage)
+        << "the last that was named";
+    EXPECT_EQ(pageAfter(""), 0U);
 }
 
-TEST(ReportDescriptor, UsageOfFourBytesHasItsOwnPage) {
-    EXPECT_TRUE(reportDescriptorNames({"\x0B\x30\x00\x0C\x00", 5}, 0x0C));
-    EXPECT_TRUE(reportDescriptorNames({"\x1B\x30\x00\x0C\x00", 5}, 0x0C));
-    EXPECT_TRUE(reportDescriptorNames({"\x2B\x30\x00\x0C\x00", 5}, 0x0C));
-    EXPECT_FALSE(reportDescriptorNames({"\x27\x30\x00\x0C\x00", 5}, 0x0C)) << "a logical maximum";
-    EXPECT_FALSE(reportDescriptorNames({"\x0A\x0C\x00", 3}, 0x00)) << "no page of its own";
+TEST(PrimaryUsagePage, MayBeLongerThanAByte) {
+    EXPECT_EQ(pageAfter({"\x06\x0C\x00", 3}), 0x0CU);
+    EXPECT_EQ(pageAfter({"\x07\x0C\x00\x00\x00", 5}), 0x0CU);
+    EXPECT_EQ(pageAfter({"\x06\x00\xFF", 3}), 0xFF00U);
 }
 
-TEST(ReportDescriptor, DataIsNotTakenForItems) {
-    EXPECT_FALSE(reportDescriptorNames({"\x26\x05\x0C\x05\x01", 5}, 0x0C));
-    EXPECT_FALSE(reportDescriptorNames({"\xFE\x02\x10\x05\x0C\x05\x01", 7}, 0x0C));
-    EXPECT_TRUE(reportDescriptorNames({"\xFE\x02\x10\x05\x07\x05\x0C", 7}, 0x0C));
+TEST(PrimaryUsagePage, IsThatOfAUsageOfFourBytes) {
+    EXPECT_EQ(pageAfter({"\x05\x01\x0B\x01\x00\x0C\x00", 7}), 0x0CU);
+    EXPECT_EQ(pageAfter({"\x05\x01\x27\x01\x00\x0C\x00", 7}), 0x01U) << "a logical maximum";
+    EXPECT_EQ(pageAfter({"\x05\x01\x0A\x0C\x00", 5}), 0x01U) << "no page of its own";
 }
 
-TEST(ReportDescriptor, OneThatIsCutOffEndsWhereItEnds) {
-    EXPECT_FALSE(reportDescriptorNames("", 0x0C));
-    EXPECT_FALSE(reportDescriptorNames("\x05", 0x0C));
-    EXPECT_FALSE(reportDescriptorNames("\xFE", 0x0C));
-    EXPECT_FALSE(reportDescriptorNames("\xFE\xFF\x01", 0x0C));
-    EXPECT_FALSE(reportDescriptorNames("\x0B\x30", 0x0C));
+TEST(PrimaryUsagePage, IsNotReadFromTheDataOfOtherItems) {
+    EXPECT_EQ(pageAfter({"\x05\x01\x26\x05\x0C", 5}), 0x01U);
+    EXPECT_EQ(pageAfter({"\x05\x01\xFE\x02\x10\x05\x0C", 7}), 0x01U);
+    EXPECT_EQ(pageAfter({"\xFE\x02\x10\xA1\x01\x05\x0C", 7}), 0x0CU);
+}
+
+TEST(PrimaryUsagePage, IsMissingWithoutACollection) {
+    EXPECT_EQ(primaryUsagePage(""), std::nullopt);
+    EXPECT_EQ(primaryUsagePage("\x05"), std::nullopt);
+    EXPECT_EQ(primaryUsagePage("\x05\x0C"), std::nullopt);
+    EXPECT_EQ(primaryUsagePage("\xFE"), std::nullopt);
+    EXPECT_EQ(primaryUsagePage("\xFE\xFF\x01"), std::nullopt);
+    EXPECT_EQ(primaryUsagePage("\x0B\x30"), std::nullopt);
 }
 
 /// /dev/null, which is 1:3 everywhere, stands in for a device node.
@@ -175,10 +180,11 @@ class HidParent : public testing::Test {
  protected:
     InputDescription describe() {
         InputDescription description;
-        addHidParent(description, node_.borrow(), tree_.path());
+        isComplete_ = addHidParent(description, node_.borrow(), tree_.path());
         return description;
     }
 
+    bool isComplete_ = false;
     TemporaryTree tree_;
     DescriptorGuard node_{::open("/dev/null", O_RDONLY | O_CLOEXEC)};
 };
@@ -188,12 +194,13 @@ TEST_F(HidParent, IsFoundByTheNumberOfTheDevice) {
     tree_.makeFile("dev/char/1:3/device/device/report_descriptor", consumerControl);
     EXPECT_TRUE(describe().isHid);
     EXPECT_EQ(describe().reportDescriptor, consumerControl);
+    EXPECT_TRUE(isComplete_);
 }
 
-TEST_F(HidParent, MayHideItsReportDescriptor) {
+TEST_F(HidParent, IsAskedAgainWhenItsReportDescriptorCannotBeRead) {
     tree_.makeLink("dev/char/1:3/device/device/subsystem", "../../../../../../../bus/hid");
     EXPECT_TRUE(describe().isHid);
-    EXPECT_EQ(describe().reportDescriptor, "");
+    EXPECT_FALSE(isComplete_);
 }
 
 TEST_F(HidParent, OfAnotherBusIsNone) {
@@ -212,9 +219,16 @@ TEST_F(HidParent, IsMissingFromADeviceThatAProgramMade) {
 
 TEST_F(HidParent, IsMissingWithoutSysfs) {
     EXPECT_FALSE(describe().isHid);
-    InputDescription description;
-    addHidParent(description, -1, tree_.path());
-    EXPECT_FALSE(description.isHid);
+    EXPECT_TRUE(isComplete_);
+    node_.closeNow();
+    EXPECT_FALSE(describe().isHid);
+    EXPECT_FALSE(isComplete_);
+}
+
+TEST_F(HidParent, IsAskedAgainWhenItsBusCannotBeRead) {
+    tree_.makeFile("dev/char/1:3/device/device/subsystem", "no link");
+    EXPECT_FALSE(describe().isHid);
+    EXPECT_FALSE(isComplete_);
 }
 
 TEST(InputDeviceDescription, IsHadOfInputDevicesAlone) {

@@ -40,11 +40,11 @@ InputDescription hidDevice(const std::string& reportDescriptor) {
 }  // namespace
 
 InputDescription consumerControl() {
-    return hidDevice("\x05\x0C");
+    return hidDevice("\x05\x0C\xA1\x01");
 }
 
 InputDescription plainKeyboard() {
-    return hidDevice("\x05\x07");
+    return hidDevice("\x05\x01\xA1\x01");
 }
 
 InputDescription machinesButton() {
