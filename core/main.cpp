@@ -1,6 +1,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <memory>
+
 #include "commands/all_commands.h"
 #include "commands/exec/reaper.h"
 #include "commands/system/power_button.h"
@@ -25,7 +28,10 @@ void fillStandardDescriptors() {
 
 int main() {
     fillStandardDescriptors();
-    static corvane::LinuxPlatform linuxPlatform;  // so that exit(3) too lets the log finish
+    // Never destroyed: other threads may be using it while the process exits.
+    static corvane::LinuxPlatform& linuxPlatform =
+        *std::make_unique<corvane::LinuxPlatform>().release();
+    std::atexit([] { linuxPlatform.finishLog(); });
     const corvane::PlatformScope scope(linuxPlatform.services());
     corvane::useCommandTable(corvane::allCommands);
     corvane::runAgent({corvane::listenForPowerButton, corvane::reapChildren});

@@ -31,6 +31,9 @@ class LinuxPlatform {
     /// Lends them, for as long as this object lives.
     [[nodiscard]] Platform& services() noexcept { return services_; }
 
+    /// For the end of the process: lets the log take what it has been told.
+    void finishLog() noexcept { systemLog_.finish(); }
+
  private:
     QueuedLog systemLog_;
     LinuxFirmware firmware_;

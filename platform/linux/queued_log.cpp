@@ -127,7 +127,12 @@ QueuedLog::QueuedLog(std::unique_ptr<SystemLog> sink)
     : queue_(std::make_shared<Queue>(std::move(sink))) {}
 
 QueuedLog::~QueuedLog() {
+    finish();
+}
+
+void QueuedLog::finish() noexcept {
     auto lock = queue_->lock();
+    created_ = false;
     if (!thread_.joinable()) {
         return;
     }

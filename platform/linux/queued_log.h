@@ -16,9 +16,7 @@ namespace corvane {
 /// the ones after it at once, until the sink has taken another. What was lost is then told first,
 /// in a status entry.
 ///
-/// Entries written before createCategories() wait for it. The destructor gives the sink a second to
-/// take what is queued, so that nothing is lost when the process exits in an orderly way. After
-/// that the thread goes on by itself, with the queue and the sink as its own.
+/// Entries written before createCategories() wait for it.
 ///
 /// Not for forked children: the thread is not among what they inherit, the lock may be held there.
 class QueuedLog final : public SystemLog {
@@ -35,6 +33,11 @@ class QueuedLog final : public SystemLog {
     /// Asks the sink, on the caller's thread.
     [[nodiscard]] bool records(LogCategory category) const override;
     void write(LogCategory category, std::string_view text) noexcept override;
+
+    /// Gives the sink a second to take what is queued, so that nothing is lost when the process
+    /// exits in an orderly way. After that the thread goes on by itself, with the queue and the
+    /// sink as its own. Nobody writes what comes later. The destructor does the same.
+    void finish() noexcept;
 
  private:
     class Queue;

@@ -239,6 +239,17 @@ TEST_F(QueuedLogTest, EndDeliversWhatIsQueued) {
     EXPECT_EQ(record_.awaitEndOfSink().size(), 1001U);
 }
 
+TEST_F(QueuedLogTest, WhatComesAfterItsEndIsNotWritten) {
+    log_->createCategories("corvane");
+    log_->write(LogCategory::status, "before");
+    log_->finish();
+    log_->write(LogCategory::status, "after");
+    log_->finish();
+    log_.reset();
+    EXPECT_EQ(record_.awaitEndOfSink(),
+              (std::vector<std::string>{"S:created for corvane", "S:before"}));
+}
+
 TEST_F(QueuedLogTest, EndDoesNotWaitForASinkThatHangsAndLeavesItWhole) {
     holdSink();
     log_->write(LogCategory::status, "queued");
@@ -404,6 +415,7 @@ TEST_F(QueuedSystemLog, APlatformsLastEntryArrivesWhenTheProcessExits) {
                   const Daemons daemons;
                   const int status = exitStatusOf([] {
                       static LinuxPlatform linuxPlatform;
+                      std::atexit([] { linuxPlatform.finishLog(); });
                       SystemLog& log = linuxPlatform.services().systemLog;
                       log.createCategories("corvane");
                       log.write(LogCategory::status, "the last words\n");
