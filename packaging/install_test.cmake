@@ -31,6 +31,7 @@ set(expected
     opt/agent/${SBIN}/corvane
     opt/agent/${MANUAL_DIRECTORY}/man8/corvane.8
     opt/agent/${DOCUMENT_DIRECTORY}/CHANGELOG.md
+    opt/agent/${DOCUMENT_DIRECTORY}/CONTRIBUTING.md
     opt/agent/${DOCUMENT_DIRECTORY}/README.md
     opt/agent/${DOCUMENT_DIRECTORY}/copyright)
 foreach(page IN LISTS PAGES)

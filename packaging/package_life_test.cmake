@@ -63,6 +63,7 @@ set(installed
     usr/lib/udev/rules.d/70-corvane.rules
     usr/sbin/corvane
     usr/share/doc/corvane/CHANGELOG.md
+    usr/share/doc/corvane/CONTRIBUTING.md
     usr/share/doc/corvane/README.md
     usr/share/doc/corvane/changelog.gz
     usr/share/doc/corvane/copyright

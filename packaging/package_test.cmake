@@ -54,6 +54,7 @@ set(files
     usr/lib/systemd/system/corvane.service
     usr/lib/udev/rules.d/70-corvane.rules
     usr/share/doc/corvane/CHANGELOG.md
+    usr/share/doc/corvane/CONTRIBUTING.md
     usr/share/doc/corvane/README.md
     usr/share/doc/corvane/changelog.gz
     usr/share/doc/corvane/copyright

@@ -5,6 +5,11 @@
 
 namespace corvane {
 
+/// The Consumer page, and Power and Menu on it. HID Usage Tables, section 15.
+inline constexpr std::uint32_t consumerUsagePage = 0x0C;
+inline constexpr std::uint32_t consumerPowerUsage = 0x30;
+inline constexpr std::uint32_t consumerMenuUsage = 0x40;
+
 /// What a human interface device reports. Usage pages and usages are those of the HID Usage Tables
 /// (usb.org).
 struct HidEvent {

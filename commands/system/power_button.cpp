@@ -1,6 +1,5 @@
 #include "commands/system/power_button.h"
 
-#include <cstdint>
 #include <exception>
 
 #include "core/message.h"
@@ -9,19 +8,10 @@
 
 namespace corvane {
 
-namespace {
-
-// HID Usage Tables, section 15: the Consumer page, and Power and Menu on it.
-constexpr std::uint32_t consumerPage = 0x0C;
-constexpr std::uint32_t consumerPower = 0x30;
-constexpr std::uint32_t consumerMenu = 0x40;
-
-}  // namespace
-
 void handlePowerButtonEvent(const HidEvent& event) {
-    const bool isPowerButton = event.type == HidEvent::keyboardType &&
-                               event.usagePage == consumerPage &&
-                               (event.usage == consumerMenu || event.usage == consumerPower);
+    const bool isPowerButton =
+        event.type == HidEvent::keyboardType && event.usagePage == consumerUsagePage &&
+        (event.usage == consumerMenuUsage || event.usage == consumerPowerUsage);
     if (!isPowerButton || event.keyDown == 0) {
         return;
     }
@@ -34,7 +24,7 @@ void handlePowerButtonEvent(const HidEvent& event) {
 
 void listenForPowerButton() {
     try {
-        if (platform().hidEvents.deliver(consumerPage, handlePowerButtonEvent)) {
+        if (platform().hidEvents.deliver(consumerUsagePage, handlePowerButtonEvent)) {
             return;
         }
     } catch (const std::exception&) {

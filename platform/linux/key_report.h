@@ -9,10 +9,6 @@
 
 namespace corvane {
 
-/// Consumer page, and Power on it. HID Usage Tables, section 15.
-constexpr std::uint32_t consumerUsagePage = 0x0C;
-constexpr std::uint32_t consumerPowerUsage = 0x30;
-
 /// What the records of an input device say about its keys.
 enum class KeySource {
     none,         ///< nothing that counts

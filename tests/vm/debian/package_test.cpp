@@ -72,6 +72,17 @@ TEST_F(Package, RemovingItStopsTheAgentAndTakesThePortsNameAway) {
     EXPECT_EQ(shell().check("systemctl list-units --all --plain --no-legend 'corvane*'"), "");
 }
 
+TEST_F(Package, InstallingItAfterARemovalStartsTheAgentOnce) {
+    const std::string count =
+        "journalctl --sync; journalctl -q -t systemd | grep -c 'Started corvane.service'";
+    installPackage();
+    removePackage();
+    const int before = std::stoi(shell().check(count));
+    installPackage();
+    EXPECT_EQ(std::stoi(shell().check(count)), before + 1);
+    EXPECT_EQ(property("corvane.service", "SubState"), "running");
+}
+
 TEST_F(Package, PurgingItLeavesNothing) {
     listFiles("before");
     installPackage();
