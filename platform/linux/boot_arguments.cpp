@@ -5,8 +5,9 @@
 namespace corvane {
 namespace {
 
+/// As the kernel has it, whose characters are those of Latin-1: a no-break space is one.
 bool isBlank(char byte) noexcept {
-    return byte == ' ' || (byte >= '\t' && byte <= '\r');
+    return byte == ' ' || byte == '\xA0' || (byte >= '\t' && byte <= '\r');
 }
 
 struct Argument {

@@ -57,6 +57,12 @@ TEST(BootArguments, QuotesInsideAWordStay) {
     EXPECT_EQ(port("port=1\"2\"3"), "1\"2\"3");
 }
 
+/// The byte that is a no-break space in Latin-1, and part of some letter in UTF-8.
+TEST(BootArguments, NoBreakSpaceIsABlank) {
+    EXPECT_EQ(port("x\xA0port=1\xA0quiet"), "1");
+    EXPECT_EQ(port("port=\"1\xA0 2\""), "1\xA0 2");
+}
+
 TEST(BootArguments, OnlyTheFirstEqualsSignDivides) {
     EXPECT_EQ(port("port=a=b"), "a=b");
 }
