@@ -216,5 +216,17 @@ TEST(JsonValue, LendsWhatItHoldsAndNothingElse) {
     EXPECT_EQ(object.array(), nullptr);
 }
 
+TEST(JsonValue, IsAssignedWhateverItHeld) {
+    const JsonValue object = JsonObject{{"k", std::string("v")}};
+    JsonValue copy = JsonObject{{"old", JsonValue()}};
+    copy = object;
+    EXPECT_EQ(stringOf(memberOf(copy, "k")), "v");
+    EXPECT_EQ(stringOf(memberOf(object, "k")), "v");
+    JsonValue moved = JsonObject{{"old", JsonValue()}};
+    moved = std::move(copy);
+    EXPECT_EQ(stringOf(memberOf(moved, "k")), "v");
+    EXPECT_EQ(moved.object()->members().size(), 1U);
+}
+
 }  // namespace
 }  // namespace corvane

@@ -158,6 +158,17 @@ TEST_F(MemoryExhaustion, LineThatCannotBeCutOffIsAnsweredWithAnErrorAndTheNextIs
     }
 }
 
+TEST_F(MemoryExhaustion, LogEntryThatMemoryDoesNotSufficeForIsLost) {
+    const std::string longText(3000, 'x');
+    log_.last = "before";
+    failAllocations(0, 1);
+    logStatus(false, "%s\n", longText.c_str());
+    EXPECT_EQ(stopFailingAllocations(), 0);
+    EXPECT_EQ(log_.last, "before");
+    logStatus(false, "%s\n", "short");
+    EXPECT_EQ(log_.last, "short\n");
+}
+
 TEST_F(MemoryExhaustion, WithoutAnyMemoryTheProcessEndsWithStatusOneAndAMessage) {
     device_.pieces = {"\n{\"execute\":\"guest-ping\"}\n"};
     testing::internal::CaptureStderr();

@@ -1,5 +1,6 @@
 #include "core/message.h"
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -117,6 +118,15 @@ TEST_F(Message, DiagnosticThatNobodyReadsDoesNotHoldTheAgent) {
         int held = 0;
         ::ioctl(ends[0], FIONREAD, &held);
         ::_exit(held >= 4096 ? 0 : 1);
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Message, DiagnosticThatCannotBeWrittenIsLost) {
+    const int status = exitStatusOf([] {
+        ::dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+        writeDiagnostic("nobody will know\n");
+        ::_exit(0);
     });
     EXPECT_EQ(status, 0);
 }

@@ -32,7 +32,20 @@ constexpr bool sanitized = true;
 constexpr bool sanitized = false;
 #endif
 
-constexpr Command commands[] = {{"echo", echo, 1, ReportCondition::always}};
+bool listWasMade = false;
+
+/// More than `hugeMessage` in pieces that the heap holds one by one.
+JsonValue makeList() {
+    listWasMade = true;
+    JsonArray list;
+    for (std::size_t size = 0; size < 2 * hugeMessage; size += 100) {
+        list.emplace_back(std::string(100, 'x'));
+    }
+    return makeSuccessResponse(std::move(list));
+}
+
+constexpr Command commands[] = {{"echo", echo, 1, ReportCondition::always},
+                                {"list", makeList, 2, ReportCondition::always}};
 
 /// This process's resident memory in bytes. See proc(5), /proc/PID/statm.
 std::size_t residentMemory() {
@@ -145,6 +158,18 @@ TEST_F(ReadLoopMemory, OfLargeMessagesGoesBackWhileTheHostGoesOnAsking) {
         ask("{\"execute\":\"echo\",\"arguments\":{\"text\":1}}\n");
         waitAMoment();  // the fakes keep a note of everything
     });
+}
+
+TEST_F(ReadLoopMemory, OfAHugeAnswerGoesBackBeforeTheLoopWaitsAgain) {
+    trimHeap();
+    const std::size_t before = residentMemory();
+    std::thread hostThread([this] { ask("{\"execute\":\"list\"}\n"); });
+    ReadLoop loop;
+    while (!listWasMade) {
+        loop.pass();
+    }
+    hostThread.join();
+    EXPECT_LT(residentMemory(), before + 2 * 1024 * 1024);
 }
 
 TEST_F(ReadLoopMemory, OfLargeMessagesGoesBackWhileALineIsUnfinished) {

@@ -5,6 +5,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -89,6 +90,36 @@ TEST_F(LaunchFailure, ForkThatFailsLeavesTheCaptureFilesOpen) {
         forbidSystemCall(SYS_clone, EAGAIN);
         errorOf(launch(capturing()));
         return countDescriptors() == before + 2;
+    });
+}
+
+TEST_F(LaunchFailure, StartThatCannotBeWatchedIsSaid) {
+    expectInAChild([] {
+        const std::size_t before = countDescriptors();
+        forbidSystemCall(SYS_pipe2, EMFILE);
+        return errorOf(launch(shellCommand("true"))) ==
+                   "failed to fork child: Too many open files" &&
+               countDescriptors() == before && processTable.empty();
+    });
+}
+
+/// As before Linux 5.9.
+TEST_F(LaunchFailure, WithoutACallThatClosesManyDescriptorsTheyAreClosedOneByOne) {
+    expectInAChild([] {
+        rlimit few{};
+        ::getrlimit(RLIMIT_NOFILE, &few);
+        few.rlim_cur = 256;  // the last that it tries
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        // Inheritable, and one of them as far up as can be.
+        const int low = ::open("/dev/null", O_RDWR);  // NOLINT(android-cloexec-open)
+        if (low < 0 || ::fcntl(low, F_DUPFD, 255) != 255) {
+            return false;
+        }
+        forbidSystemCall(SYS_close_range, ENOSYS);
+        const std::string own = "/proc/self/fd/" + std::to_string(low);
+        return run(shellCommand("test -e /proc/self/fd/1 -a ! -e " + own +
+                                " -a ! -e /proc/self/fd/255"))
+                   .status == 0;
     });
 }
 

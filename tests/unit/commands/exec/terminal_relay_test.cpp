@@ -3,6 +3,7 @@
 #include "commands/exec/terminal_relay.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -303,23 +304,37 @@ TEST_F(TerminalRelay, LeadsASessionOfItsOwn) {
     EXPECT_TRUE(allChildrenEnd());
 }
 
-/// Runs the relay alone between two socketpairs; gives the far ends.
+/// More than the ways in both directions hold together when nobody takes anything at their end.
+const std::string tooMuch(100000, 'x');
+
+/// Runs the relay alone between two socketpairs; gives the far ends. What the relay writes fits in
+/// there for a few kilobytes only.
 struct BareRelay {
-    explicit BareRelay(int patience = -1) {
+    explicit BareRelay(int patience = -1, int started = ::open("/dev/null", O_RDONLY)) {
         std::array<int, 2> left{};
         std::array<int, 2> right{};
         if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, left.data()) != 0 ||
             ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, right.data()) != 0) {
             ADD_FAILURE() << "no socketpairs";
         }
+        for (const int relaysEnd : {left[1], right[1]}) {
+            const int least = 1;  // what the kernel makes of it
+            ::setsockopt(relaysEnd, SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
+        }
         pid = ::fork();
         if (pid == 0) {
-            runTerminalRelay(left[1], right[1], ::open("/dev/null", O_RDONLY), patience);
+            runTerminalRelay(left[1], right[1], started, patience);
         }
         ::close(left[1]);
         ::close(right[1]);
+        ::close(started);
         host = DescriptorGuard(left[0]);
         program = DescriptorGuard(right[0]);
+    }
+
+    void tellProgram(const std::string& text) const {
+        ASSERT_EQ(::write(host.borrow(), text.data(), text.size()),
+                  static_cast<ssize_t>(text.size()));
     }
 
     int exitStatus() const {
@@ -335,9 +350,8 @@ struct BareRelay {
 
 TEST(BareTerminalRelay, EndOfTheConnectionEndsItAfterEverythingBeforeWasPassedOn) {
     BareRelay relay;
-    const std::string text(100000, 'x');
-    ASSERT_EQ(::write(relay.host.borrow(), text.data(), text.size()),
-              static_cast<ssize_t>(text.size()));
+    const std::string& text = tooMuch;
+    relay.tellProgram(text);
     relay.host.closeNow();
     std::string received;
     std::array<char, 4096> piece;
@@ -351,7 +365,7 @@ TEST(BareTerminalRelay, EndOfTheConnectionEndsItAfterEverythingBeforeWasPassedOn
 
 TEST(BareTerminalRelay, EndOfTheTerminalEndsItAfterEverythingBeforeWasPassedOn) {
     BareRelay relay;
-    const std::string text(100000, 'x');
+    const std::string& text = tooMuch;
     ASSERT_EQ(::write(relay.program.borrow(), text.data(), text.size()),
               static_cast<ssize_t>(text.size()));
     relay.program.closeNow();
@@ -376,29 +390,48 @@ TEST(BareTerminalRelay, FailedWriteIsItsExitStatusAndTheOtherDirectionIsFinished
     EXPECT_EQ(relay.exitStatus(), EPIPE);
 }
 
-/// Sends until nothing more goes in.
-void fill(int descriptor) {
-    const std::string piece(4096, 'x');
-    while (::send(descriptor, piece.data(), piece.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
-    }
-}
-
 TEST(BareTerminalRelay, GivesAVanishedHostUpWhenTheTerminalTakesNothingForAsLongAsItsPatience) {
     BareRelay relay(50);
-    fill(relay.host.borrow());
+    relay.tellProgram(tooMuch);
     relay.host.closeNow();
     EXPECT_EQ(relay.exitStatus(), 0) << "though the program's end is open";
 }
 
 TEST(BareTerminalRelay, WaitsForTheProgramWithoutLimitWhileTheHostIsThere) {
-    BareRelay relay(20);
-    fill(relay.host.borrow());
+    BareRelay relay(1);
+    relay.tellProgram(tooMuch);
     ::shutdown(relay.host.borrow(), SHUT_WR);  // it still listens
-    ASSERT_EQ(::write(relay.program.borrow(), "out", 3), 3);
-    std::array<char, 4> text{};
-    EXPECT_EQ(::read(relay.host.borrow(), text.data(), 3), 3);
+    // Patience runs out many times before the program has taken everything, and wakes it.
+    std::string received;
+    std::array<char, 128> piece;
+    while (received.size() < tooMuch.size()) {
+        const ssize_t count = ::read(relay.program.borrow(), piece.data(), piece.size());
+        ASSERT_GT(count, 0);
+        received.append(piece.data(), static_cast<std::size_t>(count));
+        ::poll(nullptr, 0, received.size() < 16384 ? 1 : 0);
+    }
+    EXPECT_EQ(received, tooMuch);
+    EXPECT_EQ(relay.exitStatus(), 0);
+}
+
+TEST(BareTerminalRelay, OutputThatTheHostDoesNotTakeAnyMoreEndsItWithTheError) {
+    BareRelay relay;
+    relay.tellProgram(tooMuch);  // so that it is not the end of input that ends it
+    relay.host.closeNow();
+    ASSERT_EQ(::write(relay.program.borrow(), "x", 1), 1);
+    EXPECT_EQ(relay.exitStatus(), EPIPE);
+}
+
+TEST(BareTerminalRelay, LastOutputThatTheHostDoesNotTakeEndsItWithTheError) {
+    std::array<int, 2> started{};
+    ASSERT_EQ(::pipe2(started.data(), O_CLOEXEC), 0);
+    BareRelay relay(-1, started[0]);
+    ASSERT_EQ(::write(relay.program.borrow(), tooMuch.data(), tooMuch.size()),
+              static_cast<ssize_t>(tooMuch.size()));
     relay.program.closeNow();
-    EXPECT_GE(relay.exitStatus(), 0) << "it ends, one way or another";
+    relay.host.closeNow();
+    ::close(started[1]);
+    EXPECT_EQ(relay.exitStatus(), EPIPE);
 }
 
 TEST(BareTerminalRelay, BeginsWhenTheProgramHasStarted) {
@@ -423,6 +456,16 @@ TEST(BareTerminalRelay, BeginsWhenTheProgramHasStarted) {
     }
     EXPECT_EQ(::waitpid(pid, nullptr, 0), pid);
     ::close(right[0]);
+}
+
+TEST(BareTerminalRelay, WithoutAConnectionEndsWithStatus255) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        runTerminalRelay(-1, ::open("/dev/null", O_RDWR), ::open("/dev/null", O_RDONLY));
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    EXPECT_EQ(WEXITSTATUS(status), 255);
 }
 
 TEST(BareTerminalRelay, ThatCannotLeadASessionEndsWithStatus255) {
