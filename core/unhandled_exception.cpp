@@ -12,13 +12,14 @@ namespace corvane {
 
 namespace {
 
+/// Says why the process is about to end.
 void logEnd(const char* reason) {
     const std::type_info* type = abi::__cxa_current_exception_type();
     const char* mangled = type ? type->name() : "unknown";
     int status = 0;
     const std::unique_ptr<char, void (*)(void*)> name(
         abi::__cxa_demangle(mangled, nullptr, nullptr, &status), std::free);
-    logStatus(true, "Unhandled exception: 'Error %s: %s'\n", name ? name.get() : mangled, reason);
+    logStatus(false, "Unhandled exception: 'Error %s: %s'\n", name ? name.get() : mangled, reason);
 }
 
 }  // namespace
