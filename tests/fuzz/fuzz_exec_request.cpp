@@ -1,9 +1,6 @@
 // Any JSON object as the arguments of "guest-exec": either there is a request that keeps its
 // promises, or a well-formed error, and standard error gets the one line that belongs to it.
 
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -11,50 +8,13 @@
 #include <variant>
 
 #include "commands/exec/exec_request.h"
-#include "core/descriptor_guard.h"
 #include "core/json_reader.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fuzz/caught_standard_error.h"
 #include "tests/fuzz/check.h"
-
-// There with sanitizers only. See <sanitizer/common_interface_defs.h>.
-extern "C" [[gnu::weak]] void __sanitizer_set_report_fd(void* descriptor);  // NOLINT
 
 namespace corvane {
 namespace {
-
-/// The real standard error; a sanitizer's report goes there even while standard error is caught.
-int realStandardError() {
-    static const int descriptor = [] {
-        const int duplicate = ::dup(STDERR_FILENO);
-        if (__sanitizer_set_report_fd != nullptr) {
-            __sanitizer_set_report_fd(reinterpret_cast<void*>(std::intptr_t{duplicate}));  // NOLINT
-        }
-        return duplicate;
-    }();
-    return descriptor;
-}
-
-/// Takes what is written to standard error for as long as it lives.
-class CaughtStandardError {
- public:
-    CaughtStandardError() : file_(::memfd_create("caught", MFD_CLOEXEC)) {
-        realStandardError();
-        ::dup2(file_.borrow(), STDERR_FILENO);
-    }
-    ~CaughtStandardError() { ::dup2(realStandardError(), STDERR_FILENO); }
-    CaughtStandardError(const CaughtStandardError&) = delete;
-    CaughtStandardError& operator=(const CaughtStandardError&) = delete;
-
-    [[nodiscard]] std::string text() const {
-        std::string text(static_cast<std::size_t>(::lseek(file_.borrow(), 0, SEEK_END)), '\0');
-        const ssize_t count = ::pread(file_.borrow(), text.data(), text.size(), 0);
-        check(count == static_cast<ssize_t>(text.size()), "what was caught can be read");
-        return text;
-    }
-
- private:
-    DescriptorGuard file_;
-};
 
 const std::string* stringIn(const JsonObject& object, const char* key) {
     const JsonValue* value = object.find(key);

@@ -1,8 +1,13 @@
-// The read loop over a socketpair with writes of odd sizes and hosts that hang up: every line that
-// is not empty gets one answer, in order, and every answer is well formed.
+// The read loop over a socketpair with writes of odd sizes and hosts that hang up, on the fake
+// platform, with all handlers but those that start programs or signal them: every line that is not
+// empty gets one answer, in order, every answer is well formed, and no descriptor is left behind.
+//
+// A request can use a handle that an answer has named: the bytes 1, 2 and 3 are sent as the last
+// three numbers that the agent has returned.
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -14,16 +19,32 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
 
+#include "commands/exec/exec_request.h"
+#include "commands/exec/exec_status.h"
+#include "commands/files/file_close.h"
+#include "commands/files/file_flush.h"
+#include "commands/files/file_open.h"
+#include "commands/files/file_read.h"
+#include "commands/files/file_seek.h"
+#include "commands/files/file_write.h"
+#include "commands/files/vsock_transfer.h"
 #include "commands/handshake/info.h"
 #include "commands/handshake/ping.h"
 #include "commands/handshake/sync.h"
+#include "commands/system/guest_time.h"
+#include "commands/system/interface_report.h"
+#include "commands/system/remote_login_switch.h"
+#include "commands/system/shutdown.h"
 #include "core/channel.h"
 #include "core/command_table.h"
 #include "core/message.h"
 #include "core/read_loop.h"
+#include "tests/fakes/descriptor_count.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fuzz/caught_standard_error.h"
 #include "tests/fuzz/check.h"
 #include "tests/fuzz/fuzz_input.h"
+#include "tests/fuzz/memory_guest.h"
 #include "tests/fuzz/pending_model.h"
 
 namespace corvane {
@@ -35,14 +56,67 @@ JsonValue handleEcho(const JsonObject* arguments) {
     return makeSuccessResponse(arguments != nullptr ? JsonValue(*arguments) : JsonValue());
 }
 
-/// The commands that change nothing, and one that gives back what it gets.
-const std::array<Command, 5> commands = {{
-    {"guest-sync", handleGuestSync, 1, ReportCondition::always},
-    {"guest-sync-delimited", handleGuestSyncDelimited, 2, ReportCondition::always},
-    {"guest-info", handleGuestInfo, 3, ReportCondition::always},
-    {"guest-ping", handleGuestPing, 4, ReportCondition::always},
-    {"echo", handleEcho, 5, ReportCondition::always},
+/// The checks of "guest-exec" without what follows them.
+JsonValue checkGuestExec(const JsonObject* arguments) {
+    ExecRequest request;
+    auto error = readExecRequest(arguments, request);
+    return error ? *std::move(error) : makeSuccessResponse(JsonObject());
+}
+
+constexpr auto always = ReportCondition::always;
+
+/// The agent's, in its order, but for "mirel-guest-signal-pid"; and one that gives back what it
+/// gets.
+const std::array<Command, 20> commands = {{
+    {"guest-sync", handleGuestSync, 4, always},
+    {"guest-sync-delimited", handleGuestSyncDelimited, 5, always},
+    {"guest-info", handleGuestInfo, 3, always},
+    {"guest-ping", handleGuestPing, 6, always},
+    {"guest-exec", checkGuestExec, 1, always},
+    {"guest-exec-status", handleGuestExecStatus, 2, always},
+    {"guest-file-open", handleGuestFileOpen, 7, always},
+    {"guest-file-close", handleGuestFileClose, 8, always},
+    {"guest-file-read", handleGuestFileRead, 9, always},
+    {"guest-file-write", handleGuestFileWrite, 10, always},
+    {"mirel-guest-file-vsock-read", handleGuestFileVSockRead, 11, ReportCondition::ifVsock},
+    {"mirel-guest-file-vsock-write", handleGuestFileVSockWrite, 12, ReportCondition::ifVsock},
+    {"guest-file-seek", handleGuestFileSeek, 13, always},
+    {"guest-file-flush", handleGuestFileFlush, 14, always},
+    {"guest-network-get-interfaces", handleGuestNetworkGetInterfaces, 15, always},
+    {"guest-shutdown", handleGuestShutdown, 16, always},
+    {"guest-set-time", handleGuestSetTime, 18, always},
+    {"guest-get-time", handleGuestGetTime, 19, always},
+    {"mirel-guest-set-remote-login", handleGuestSetRemoteLogin, 17, ReportCondition::ifRemoteLogin},
+    {"echo", handleEcho, 20, always},
 }};
+
+/// The fake platform, with the services of memory_guest.h in their fakes' places.
+class Guest {
+ public:
+    Guest() {
+        using Family = InterfaceAddress::Family;
+        fakes_.networkInterfaces.entries = {
+            {"eth0", true, Family::link, {2, 0, 0, 0, 0, 1}, {}},
+            {"eth0", true, Family::ipv4, {192, 0, 2, 1}, {{255, 255, 255}}},
+            {"eth0", true, Family::ipv6, {0xFE, 0x80}, {{0xFF, 0xFF}}}};
+        fakes_.remoteLogin.available = true;
+    }
+
+    FakeChannelDevice& channelDevice() { return fakes_.channelDevice; }
+
+ private:
+    FakePlatform fakes_;
+    MemoryFileStreams fileStreams_;
+    MemoryVsockSockets vsockSockets_;
+    SmallFiles smallFiles_;
+    SeemingPrograms programs_;
+    Platform services_{
+        fakes_.systemLog,         fakes_.firmware,     fakes_.serialDevices,      fakes_.hypervisor,
+        fakes_.channelDevice,     vsockSockets_,       fakes_.remoteLogin,        fakes_.accounts,
+        fakes_.privateDirectory,  fakes_.terminals,    fakes_.processInformation, fileStreams_,
+        fakes_.networkInterfaces, fakes_.powerControl, fakes_.hidEvents,          fakes_.clock};
+    PlatformScope scope_{services_};
+};
 
 class Session {
  public:
@@ -50,15 +124,19 @@ class Session {
         useCommandTable(commands);
         setDelimiterPending(false);
         openChannel();
-        host_ = platform_.channelDevice.takeHostEnd();
+        host_ = guest_.channelDevice().takeHostEnd();
     }
 
-    ~Session() { platform_.channelDevice.closeChannel(channelDescriptor()); }
+    ~Session() {
+        guest_.channelDevice().closeChannel(channelDescriptor());
+        closeAllFiles();
+    }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
     /// False when the request was one that ends the agent.
-    bool send(std::string_view piece) {
+    bool send(std::string_view input) {
+        const std::string piece = withNumbers(input);
         const ssize_t sent = ::send(host_.borrow(), piece.data(), piece.size(), 0);
         check(sent == static_cast<ssize_t>(piece.size()), "a piece fits the socket");
         model_.append(piece);
@@ -82,7 +160,7 @@ class Session {
     void reconnect() {
         host_.closeNow();
         loop_.pass();
-        host_ = platform_.channelDevice.takeHostEnd();
+        host_ = guest_.channelDevice().takeHostEnd();
     }
 
  private:
@@ -102,7 +180,17 @@ class Session {
         return answers;
     }
 
-    static void checkAnswer(std::string_view answer) {
+    [[nodiscard]] std::string withNumbers(std::string_view input) const {
+        std::string text;
+        for (const char character : input) {
+            const std::size_t place = static_cast<unsigned char>(character) - std::size_t{1};
+            text += place < returned_.size() ? std::to_string(returned_[place])
+                                             : std::string(1, character);
+        }
+        return text;
+    }
+
+    void checkAnswer(std::string_view answer) {
         if (answer.starts_with('\xFF')) {
             answer.remove_prefix(1);
         }
@@ -114,6 +202,10 @@ class Session {
               "an answer is an object with one member");
         const auto& member = *value.as_object().begin();
         if (member.key() == "return") {
+            if (member.value().is_uint64() || member.value().is_int64()) {
+                std::rotate(returned_.rbegin(), returned_.rbegin() + 1, returned_.rend());
+                returned_.front() = member.value().to_number<std::uint64_t>(error);
+            }
             return;
         }
         check(member.key() == "error" && member.value().is_object(), "it returns or is an error");
@@ -122,13 +214,15 @@ class Session {
               "an error has a class and a description");
     }
 
-    FakePlatform platform_;
+    Guest guest_;
     DescriptorGuard host_;
     ReadLoop loop_;
     PendingModel model_;
+    std::array<std::uint64_t, 3> returned_{};  ///< the last first
 };
 
-void run(FuzzInput input) {
+void serve(FuzzInput input) {
+    const CaughtStandardError caught;
     Session session;
     for (std::string_view rest = input.text(); !rest.empty();) {
         if (input.next() % 32 == 0) {
@@ -140,8 +234,27 @@ void run(FuzzInput input) {
     }
 }
 
+void run(FuzzInput input) {
+    realStandardError();  // stays open for good
+    const std::size_t descriptors = countDescriptors();
+    serve(input);
+    check(countDescriptors() == descriptors, "no descriptor is left behind");
+}
+
 }  // namespace
 }  // namespace corvane
+
+/// A buffer of any size can be asked for: what is large is not to be had, rather than an error.
+/// See <sanitizer/asan_interface.h>.
+extern "C" const char* __asan_default_options() {  // NOLINT(bugprone-reserved-identifier)
+    return "max_allocation_size_mb=64:allocator_may_return_null=1";
+}
+
+/// The C library keeps what it has looked up for a stream with a character set, and forgets it when
+/// the stream is closed. See <sanitizer/lsan_interface.h>.
+extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
+    return "leak:__gconv_lookup_cache\n";
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     corvane::run(corvane::FuzzInput({data, size}));
