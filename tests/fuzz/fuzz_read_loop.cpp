@@ -246,13 +246,13 @@ void run(FuzzInput input) {
 
 /// A buffer of any size can be asked for: what is large is not to be had, rather than an error.
 /// See <sanitizer/asan_interface.h>.
-extern "C" const char* __asan_default_options() {  // NOLINT(bugprone-reserved-identifier)
+extern "C" const char* __asan_default_options() {  // NOLINT: its name
     return "max_allocation_size_mb=64:allocator_may_return_null=1";
 }
 
 /// The C library keeps what it has looked up for a stream with a character set, and forgets it when
 /// the stream is closed. See <sanitizer/lsan_interface.h>.
-extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
+extern "C" const char* __lsan_default_suppressions() {  // NOLINT: its name
     return "leak:__gconv_lookup_cache\n";
 }
 
