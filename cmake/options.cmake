@@ -19,6 +19,15 @@ if(CORVANE_SANITIZE)
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
 
+if(CORVANE_COVERAGE)
+    # The counters lie in the file itself: what a process counted is kept however it ends, also by
+    # _exit(2) or a signal, and a child that shares its parent's memory counts there. Only with
+    # "%c" in LLVM_PROFILE_FILE.
+    target_compile_options(corvane_options INTERFACE
+        -fprofile-instr-generate -fcoverage-mapping -mllvm -runtime-counter-relocation)
+    target_link_options(corvane_options INTERFACE -fprofile-instr-generate)
+endif()
+
 if(CORVANE_HARDENING)
     include(CheckPIESupported)
     check_pie_supported(LANGUAGES CXX)

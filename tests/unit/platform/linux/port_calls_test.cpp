@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -119,6 +120,12 @@ TEST_F(PortCallsTest, AHostThatLeavesInTheMiddleFreesTheSender) {
 TEST_F(PortCallsTest, AWaitWithALimitEndsWhenNothingHappens) {
     EXPECT_EQ(calls_->waitForChange(PortCalls::noLimit), PortCalls::Change::happened);
     EXPECT_EQ(calls_->waitForChange(1), PortCalls::Change::none);
+}
+
+TEST(PortCalls, WhatCannotBeWatchedGivesTheKernelsError) {
+    EXPECT_EQ(DescriptorPortCalls::watch(-1).error(), EBADF);
+    const DescriptorGuard file(::memfd_create("file", MFD_CLOEXEC));
+    EXPECT_EQ(DescriptorPortCalls::watch(file.borrow()).error(), EPERM);
 }
 
 }  // namespace
