@@ -117,7 +117,8 @@ std::optional<std::uint32_t> primaryUsagePage(std::string_view reportDescriptor)
                                                : 0;
     };
     std::uint32_t page = 0;
-    std::optional<std::uint32_t> pageOfUsage;
+    std::optional<std::uint32_t> pageOfUsage;  // the first one is that of the collection
+    bool hasUsage = false;
     for (std::size_t place = 0; place < reportDescriptor.size();) {
         const unsigned prefix = byteAt(place);
         if (prefix == longItem) {
@@ -132,8 +133,9 @@ std::optional<std::uint32_t> primaryUsagePage(std::string_view reportDescriptor)
         const unsigned tag = prefix & ~sizeMask;
         if (tag == usagePageTag) {
             page = value;
-        } else if (tag == usageTag && size == 4) {
-            pageOfUsage = value >> 16U;
+        } else if (tag == usageTag && !hasUsage) {
+            hasUsage = true;
+            pageOfUsage = size == 4 ? std::optional(value >> 16U) : std::nullopt;
         } else if (tag == collectionTag) {
             return pageOfUsage.value_or(page);
         }

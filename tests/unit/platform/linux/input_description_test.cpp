@@ -156,6 +156,9 @@ TEST(PrimaryUsagePage, MayBeLongerThanAByte) {
 
 TEST(PrimaryUsagePage, IsThatOfAUsageOfFourBytes) {
     EXPECT_EQ(pageAfter({"\x05\x01\x0B\x01\x00\x0C\x00", 7}), 0x0CU);
+    EXPECT_EQ(pageAfter({"\x05\x01\x0B\x01\x00\x0C\x00\x0B\x06\x00\x07\x00", 12}), 0x0CU)
+        << "the first usage";
+    EXPECT_EQ(pageAfter({"\x05\x01\x09\x06\x0B\x01\x00\x0C\x00", 9}), 0x01U);
     EXPECT_EQ(pageAfter({"\x05\x01\x27\x01\x00\x0C\x00", 7}), 0x01U) << "a logical maximum";
     EXPECT_EQ(pageAfter({"\x05\x01\x0A\x0C\x00", 5}), 0x01U) << "no page of its own";
 }
