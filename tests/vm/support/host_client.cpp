@@ -7,16 +7,38 @@ namespace corvane::vm {
 void HostClient::synchronise() {
     static std::mt19937_64 numbers{std::random_device{}()};
     const std::string id = std::to_string(numbers() >> 12);
-    socket_.send("\xFF{\"execute\":\"guest-sync-delimited\",\"arguments\":{\"id\":" + id + "}}\n");
+    send("\xFF{\"execute\":\"guest-sync-delimited\",\"arguments\":{\"id\":" + id + "}}\n");
     // An answer to an earlier host may end in the middle: the marker need not start its line.
     const std::string expected = "\xFF{\"return\":" + id + "}";
-    while (!socket_.receiveLine().ends_with(expected)) {
+    while (!receiveLine().ends_with(expected)) {
     }
 }
 
 std::string HostClient::request(std::string_view json, Limit limit) {
-    socket_.send(std::string(json) + '\n');
-    return socket_.receiveLine(limit);
+    send(std::string(json) + '\n');
+    return receiveLine(limit);
+}
+
+void HostClient::send(std::string_view bytes) {
+    if (record_ != nullptr) {
+        record_->sent(bytes);
+    }
+    socket_.send(bytes);
+}
+
+void HostClient::sendWhileReceiving(std::string_view bytes) {
+    if (record_ != nullptr) {
+        record_->sent(bytes);
+    }
+    socket_.sendWhileReceiving(bytes);
+}
+
+std::string HostClient::receiveLine(Limit limit) {
+    std::string line = socket_.receiveLine(limit);
+    if (record_ != nullptr) {
+        record_->received(line);
+    }
+    return line;
 }
 
 }  // namespace corvane::vm

@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "tests/vm/support/line_socket.h"
+#include "tests/vm/support/traffic_record.h"
 
 namespace corvane::vm {
 
@@ -20,15 +21,21 @@ class HostClient {
     /// Sends one request line and returns the line that answers it, without line feeds.
     std::string request(std::string_view json, Limit limit = hangLimit);
 
-    void send(std::string_view bytes) { socket_.send(bytes); }
+    void send(std::string_view bytes);
     /// For requests so many that their answers must be taken in meanwhile.
-    void sendWhileReceiving(std::string_view bytes) { socket_.sendWhileReceiving(bytes); }
-    std::string receiveLine(Limit limit = hangLimit) { return socket_.receiveLine(limit); }
+    void sendWhileReceiving(std::string_view bytes);
+    std::string receiveLine(Limit limit = hangLimit);
     std::string receive(std::size_t count) { return socket_.receive(count); }
+    /// Whatever comes, at least one byte.
+    std::string receiveSome() { return socket_.receiveSome(); }
     void disconnect() { socket_.disconnect(); }
+
+    /// What is sent and received from now on is noted there; it must live longer.
+    void recordIn(TrafficRecord& record) { record_ = &record; }
 
  private:
     LineSocket socket_;
+    TrafficRecord* record_ = nullptr;
 };
 
 }  // namespace corvane::vm

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <deque>
+#include <optional>
+#include <string>
+
+#include "tests/vm/soak/dice.h"
+#include "tests/vm/support/exec_client.h"
+
+namespace corvane::vm {
+
+/// A program that has been asked for, and how it must end. It leaves a mark of its start: a file
+/// with its number as the name and its process id in it.
+struct SoakProgram {
+    unsigned number = 0;
+    ExecClient::Arguments arguments;  ///< of guest-exec
+    pid_t pid = -1;
+    std::optional<std::int64_t> exitCode = {};
+    std::optional<std::int64_t> signal = {};
+    std::optional<std::string> output = {};  ///< where it is captured
+    bool mayHangUp = false;                  ///< its terminal, which may end it sooner
+    bool sleeps = false;                     ///< until a signal ends it
+};
+
+/// Random programs, and the books about their ends.
+class ProgramLedger {
+ public:
+    /// The marks, and the files "in" and "out" that are streams, are in `directory`, which every
+    /// user may write to. Some programs run as `user`.
+    ProgramLedger(std::string directory, std::string user, Dice& dice)
+        : directory_(std::move(directory)), user_(std::move(user)), dice_(dice) {}
+
+    /// One of any kind. Those that sleep and those that cannot be started only for hosts that stay.
+    SoakProgram make(bool hostStays);
+    /// A shell command, the mark before it, that ends with `exitCode`.
+    SoakProgram make(const std::string& command, int exitCode);
+
+    /// Throws std::runtime_error when this is not the program's end, as it must be. It must have
+    /// one.
+    void takeEnd(const SoakProgram& program, const ProgramState& end);
+
+    /// Whose process ids are known, and who have not been seen to end.
+    std::deque<SoakProgram> running;
+    /// Those that hosts have asked for who vanished before the answer.
+    std::deque<SoakProgram> unseen;
+
+    std::size_t started = 0;       ///< all that have
+    std::size_t ends = 0;          ///< reported, each once
+    std::size_t adopted = 0;       ///< of those, started by a host that never got the pid
+    std::size_t lostEnds = 0;      ///< reported to a host that had vanished
+    std::size_t neverStarted = 0;  ///< the request of a vanished host did not get through
+
+ private:
+    [[nodiscard]] std::string mark(unsigned number) const;
+    void choose(SoakProgram& program, std::size_t kind);
+
+    std::string directory_;
+    std::string user_;
+    Dice& dice_;
+    unsigned lastNumber_ = 0;
+};
+
+}  // namespace corvane::vm

@@ -1,0 +1,585 @@
+#include "tests/vm/soak/soak_load.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <array>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+#include <boost/json/serialize.hpp>
+
+#include "tests/vm/soak/questions.h"
+#include "tests/vm/support/checksum.h"
+#include "tests/vm/support/wire_terminal.h"
+
+namespace corvane::vm {
+namespace {
+
+/// Programs come to their ends before so many more are started: their process ids must not come
+/// again while a vanished host's are not known.
+constexpr std::size_t programsUntilSettling = 150;
+
+std::string requestLine(std::string_view command, const ExecClient::Arguments& arguments) {
+    return boost::json::serialize(
+        boost::json::object{{"execute", command}, {"arguments", arguments}});
+}
+
+}  // namespace
+
+/// What a request of a vanished host may have done.
+struct SoakLoad::Effect {
+    enum class Kind { start, poll, close };
+    Kind kind;
+    std::size_t number;  ///< of the program, or the handle
+};
+
+/// What a host sends before it vanishes.
+class SoakLoad::Stream {
+ public:
+    void addLine(const std::string& line) {
+        bytes_ += line + '\n';
+        lineEnds_.push_back(bytes_.size());
+    }
+    void addRequest(const std::string& line, const Effect& effect) {
+        addLine(line);
+        effects_.emplace_back(bytes_.size(), effect);
+    }
+    /// Drops whatever is unfinished before it.
+    void addGarbage(const std::string& bytes) { bytes_ += bytes + '\xFF'; }
+
+    void cut(std::size_t length) {
+        bytes_.resize(length);
+        std::erase_if(lineEnds_, [length](std::size_t end) { return end > length; });
+        std::erase_if(effects_, [length](const auto& entry) { return entry.first > length; });
+    }
+
+    [[nodiscard]] const std::string& bytes() const { return bytes_; }
+    [[nodiscard]] bool getsAnAnswer() const { return !lineEnds_.empty(); }
+    [[nodiscard]] std::vector<Effect> effects() const {
+        std::vector<Effect> all;
+        for (const auto& [end, effect] : effects_) {
+            all.push_back(effect);
+        }
+        return all;
+    }
+
+ private:
+    std::string bytes_;
+    std::vector<std::size_t> lineEnds_;
+    std::vector<std::pair<std::size_t, Effect>> effects_;
+};
+
+SoakLoad::SoakLoad(SoakTarget& target, std::uint64_t seed)
+    : target_(target),
+      dice_(seed),
+      directory_(target.shell("mktemp -d")),
+      ledger_(directory_, target.user(), dice_) {
+    target_.shell("chmod 755 " + directory_ + "; cd " + directory_ +
+                  "; mkdir -m 1777 started; : >in; : >out");
+    connect();
+    knownBytes_ = dice_.bytes(100'000);
+    files_->store(path("in"), knownBytes_, 50'000);
+}
+
+SoakLoad::~SoakLoad() {
+    try {
+        disconnect();
+        target_.shell("rm -rf " + directory_);
+    } catch (const std::exception&) {
+        // A load that has failed may have nobody to talk to any more.
+    }
+}
+
+void SoakLoad::run(std::chrono::seconds span) {
+    const auto end = std::chrono::steady_clock::now() + span;
+    while (std::chrono::steady_clock::now() < end) {
+        step();
+        if (unsettled_ >= programsUntilSettling) {
+            settle();
+        }
+    }
+    settle();
+}
+
+void SoakLoad::step() {
+    using Action = void (SoakLoad::*)();
+    struct Choice {
+        const char* name;
+        std::size_t weight;
+        Action action;
+    };
+    static const std::array choices{
+        Choice{"questions", 6, &SoakLoad::askQuestions},
+        Choice{"starts", 6, &SoakLoad::startPrograms},
+        Choice{"polls", 6, &SoakLoad::pollPrograms},
+        Choice{"signals", 3, &SoakLoad::signalProgram},
+        Choice{"programs on vsock", 2, &SoakLoad::useProgramOnVsock},
+        Choice{"programs on terminals", 1, &SoakLoad::useProgramOnTerminal},
+        Choice{"files written and read", 3, &SoakLoad::useFile},
+        Choice{"files held open", 4, &SoakLoad::useHeldFile},
+        Choice{"transfers", 2, &SoakLoad::transferFile},
+        Choice{"clocks set", 1, &SoakLoad::setClock},
+        Choice{"hosts that vanished", 12, &SoakLoad::vanish},
+        Choice{"hosts that vanished during a transfer", 1, &SoakLoad::vanishDuringTransfer},
+        Choice{"hosts that came and went", 2, &SoakLoad::comeAndGo},
+    };
+    std::size_t sum = 0;
+    for (const Choice& choice : choices) {
+        sum += choice.weight;
+    }
+    std::size_t drawn = dice_.below(sum);
+    for (const Choice& choice : choices) {
+        if (drawn < choice.weight) {
+            record_.note(choice.name);
+            ++counts_[choice.name];
+            (this->*choice.action)();
+            return;
+        }
+        drawn -= choice.weight;
+    }
+}
+
+void SoakLoad::connect() {
+    host_ = std::make_unique<HostClient>(target_.connectHost());
+    host_->recordIn(record_);
+    exec_ = std::make_unique<ExecClient>(*host_);
+    files_ = std::make_unique<FileClient>(*host_);
+    host_->synchronise();
+    ++counts_["connections"];
+}
+
+void SoakLoad::disconnect() {
+    record_.note("the host vanishes");
+    host_->disconnect();
+}
+
+// --- hosts that stay ----------------------------------------------------------------------------
+
+void SoakLoad::askQuestions() {
+    std::vector<Question> questions;
+    std::string lines;
+    for (std::size_t count = dice_.between(1, 12); count > 0; --count) {
+        questions.push_back(randomQuestion(dice_));
+        lines += questions.back().line + '\n';
+        // Empty lines and what is dropped have no answer.
+        if (dice_.oneIn(4)) {
+            lines += dice_.oneIn(2) ? "\n" : "{\"execute\":\"dropped\"\xFF";
+        }
+    }
+    host_->sendWhileReceiving(lines);
+    for (const Question& question : questions) {
+        const std::string answer = host_->receiveLine();
+        expect(answer.starts_with(question.answer), "not '" + question.answer + "' to '" +
+                                                        question.line.substr(0, 500) + "' but " +
+                                                        answer.substr(0, 500));
+    }
+    counts_["questions and answers"] += questions.size();
+}
+
+void SoakLoad::startPrograms() {
+    std::vector<SoakProgram> programs;
+    std::vector<ExecClient::Arguments> requests;
+    for (std::size_t count = dice_.between(1, 8); count > 0; --count) {
+        programs.push_back(ledger_.make(true));
+        requests.push_back(programs.back().arguments);
+    }
+    const std::vector<pid_t> pids = exec_->startAll(requests);
+    for (std::size_t index = 0; index < pids.size(); ++index) {
+        programs[index].pid = pids[index];
+        ledger_.running.push_back(std::move(programs[index]));
+    }
+    ledger_.started += pids.size();
+    unsettled_ += pids.size();
+}
+
+void SoakLoad::pollPrograms() {
+    for (std::size_t count = dice_.between(1, 10); count > 0 && !ledger_.running.empty(); --count) {
+        takeEndIfEnded(dice_.below(ledger_.running.size()));
+    }
+}
+
+bool SoakLoad::takeEndIfEnded(std::size_t index) {
+    const SoakProgram& program = ledger_.running[index];
+    const ProgramState state = exec_->poll(program.pid);
+    if (!state.exited) {
+        return false;
+    }
+    ledger_.takeEnd(program, state);
+    if (dice_.oneIn(4)) {
+        const std::string refusal = exec_->refusalOf("guest-exec-status", {{"pid", program.pid}});
+        expect(refusal == "invalid PID", "the end is told twice");
+    }
+    ledger_.running.erase(ledger_.running.begin() + static_cast<std::ptrdiff_t>(index));
+    return true;
+}
+
+void SoakLoad::signalProgram() {
+    const auto sleeping = std::ranges::find_if(ledger_.running, &SoakProgram::sleeps);
+    if (sleeping == ledger_.running.end()) {
+        return;
+    }
+    constexpr std::array ending{SIGKILL, SIGTERM, SIGHUP, SIGUSR1};
+    const int signal = ending[dice_.below(ending.size())];
+    exec_->signal(sleeping->pid, signal);
+    sleeping->signal = signal;
+    sleeping->exitCode.reset();
+    sleeping->sleeps = false;
+}
+
+void SoakLoad::useProgramOnVsock() {
+    VsockPeer* const peer = target_.vsockPeer();
+    if (peer == nullptr) {
+        return;
+    }
+    const bool peerStays = !dice_.oneIn(3);
+    SoakProgram program =
+        ledger_.make(peerStays ? "cat" : "cat >/dev/null", static_cast<int>(dice_.below(250)));
+    program.arguments["mirel-vsock-stdio"] = "vsock://2:" + std::to_string(peer->listen());
+    program.pid = exec_->start(program.arguments);
+    ++ledger_.started;
+    ++unsettled_;
+    peer->awaitConnection();
+    const std::string bytes = dice_.bytes(dice_.below(100'000));
+    peer->send(bytes);
+    if (peerStays) {
+        peer->finishSending();
+        expect(peer->receiveAll() == bytes, "other bytes come back");
+    } else {
+        peer->close();
+    }
+    ledger_.running.push_back(std::move(program));
+}
+
+void SoakLoad::useProgramOnTerminal() {
+    VsockPeer* const peer = target_.vsockPeer();
+    if (peer == nullptr) {
+        return;
+    }
+    SoakProgram program =
+        ledger_.make("stty size; read -r line", static_cast<int>(dice_.below(250)));
+    program.arguments["mirel-vsock-stdio"] = "vsock://2:" + std::to_string(peer->listen());
+    program.arguments["mirel-termios"] = cookedTerminal.record();
+    program.arguments["mirel-window-size"] = {{"rows", 30}, {"columns", 100}};
+    program.pid = exec_->start(program.arguments);
+    ++ledger_.started;
+    ++unsettled_;
+    peer->awaitConnection();
+    peer->await("30 100");
+    if (dice_.oneIn(3)) {
+        // The relay ends, and the terminal hangs up. The program may read that before it is told.
+        peer->close();
+        program.mayHangUp = true;
+    } else {
+        // Until the program has ended, the host's departure would still end it.
+        peer->send("go\n");
+        peer->receiveAll();
+    }
+    ledger_.running.push_back(std::move(program));
+}
+
+void SoakLoad::useFile() {
+    const std::string name = path("file");
+    std::string bytes;
+    const Handle handle = files_->open(name, "w+");
+    for (std::size_t count = dice_.between(1, 4); count > 0; --count) {
+        const std::string piece = dice_.bytes(dice_.below(20'000));
+        expect(files_->write(handle, piece).count == piece.size(), "not all was written");
+        bytes += piece;
+        if (dice_.oneIn(2)) {
+            files_->flush(handle);
+        }
+    }
+    const std::size_t place = dice_.below(bytes.size() + 1);
+    expect(files_->seek(handle, static_cast<std::int64_t>(place), "set").position == place,
+           "another position");
+    const std::size_t count = dice_.between(1, 70'000);
+    expect(files_->read(handle, count).bytes == bytes.substr(place, count), "other bytes are read");
+    files_->close(handle);
+    counts_["opens"]++;
+}
+
+void SoakLoad::useHeldFile() {
+    constexpr std::size_t most = 16;
+    if (held_.size() < most && (held_.empty() || dice_.oneIn(2))) {
+        held_.push_back(files_->open(path("in"), dice_.oneIn(2) ? "r" : "r+"));
+        counts_["opens"]++;
+        return;
+    }
+    const std::size_t index = dice_.below(held_.size());
+    const std::size_t place = dice_.below(knownBytes_.size());
+    const std::size_t count = dice_.between(1, 120'000);
+    files_->seek(held_[index], static_cast<std::int64_t>(place), "set");
+    const FileClient::Piece piece = files_->read(held_[index], count);
+    expect(piece.bytes == knownBytes_.substr(place, count), "other bytes are read");
+    expect(piece.eof == (place + count > knownBytes_.size()), "another end of the file");
+    if (dice_.oneIn(3)) {
+        files_->close(held_[index]);
+        held_.erase(held_.begin() + static_cast<std::ptrdiff_t>(index));
+    }
+}
+
+void SoakLoad::transferFile() {
+    VsockPeer* const peer = target_.vsockPeer();
+    if (peer == nullptr) {
+        return;
+    }
+    const FileClient::Arguments size =
+        dice_.oneIn(2) ? FileClient::Arguments{} : FileClient::Arguments{{"buffer-size", 5000}};
+    if (dice_.oneIn(2)) {
+        const Handle handle = files_->open(path("in"));
+        files_->startTransfer(Direction::read, handle, peer->listen(), size);
+        peer->awaitConnection();
+        expect(peer->receiveAll() == knownBytes_, "other bytes are received");
+        expect(files_->awaitTransfer().count == knownBytes_.size(), "not all was transferred");
+        files_->close(handle);
+    } else {
+        const std::string bytes = dice_.bytes(dice_.below(150'000));
+        const Handle handle = files_->open(path("file"), "w");
+        files_->startTransfer(Direction::write, handle, peer->listen(), size);
+        peer->awaitConnection();
+        peer->send(bytes);
+        peer->finishSending();
+        expect(files_->awaitTransfer().count == bytes.size(), "not all was transferred");
+        files_->close(handle);
+        expect(files_->fetch(path("file"), 60'000) == bytes, "other bytes were written");
+        counts_["opens"]++;
+    }
+    counts_["opens"]++;
+}
+
+void SoakLoad::setClock() {
+    const auto now = exec_->ask("guest-get-time", {}).at("time").to_number<std::uint64_t>();
+    exec_->ask("guest-set-time", {{"time", now}});
+}
+
+// --- hosts that do not --------------------------------------------------------------------------
+
+void SoakLoad::vanish() {
+    Stream stream;
+    for (std::size_t count = dice_.between(1, 6); count > 0; --count) {
+        switch (dice_.below(8)) {
+            case 0:
+            case 1: {
+                SoakProgram program = ledger_.make(false);
+                stream.addRequest(requestLine("guest-exec", program.arguments),
+                                  {Effect::Kind::start, program.number});
+                ledger_.unseen.push_back(std::move(program));
+                ++unsettled_;
+                break;
+            }
+            case 2:
+            case 3:
+                if (!ledger_.running.empty()) {
+                    const SoakProgram& program =
+                        ledger_.running[dice_.below(ledger_.running.size())];
+                    stream.addRequest(requestLine("guest-exec-status", {{"pid", program.pid}}),
+                                      {Effect::Kind::poll, program.number});
+                }
+                break;
+            case 4:
+                if (!held_.empty()) {
+                    const Handle handle = held_[dice_.below(held_.size())];
+                    if (dice_.oneIn(5)) {
+                        stream.addRequest(requestLine("guest-file-close", {{"handle", handle}}),
+                                          {Effect::Kind::close, handle});
+                    } else {
+                        stream.addLine(
+                            requestLine("guest-file-seek",
+                                        {{"handle", handle}, {"offset", 0}, {"whence", "set"}}));
+                        stream.addLine(requestLine("guest-file-read",
+                                                   {{"handle", handle}, {"count", 100'000}}));
+                    }
+                }
+                break;
+            case 5:
+                stream.addGarbage(dice_.oneIn(2) ? dice_.bytes(dice_.below(50))
+                                                 : R"({"execute":"guest-)");
+                break;
+            default:
+                stream.addLine(randomQuestion(dice_).line);
+        }
+    }
+    stream.cut(dice_.oneIn(4) ? stream.bytes().size() : dice_.below(stream.bytes().size() + 1));
+    host_->sendWhileReceiving(stream.bytes());
+    if (stream.getsAnAnswer() && dice_.oneIn(2)) {
+        host_->receiveSome();
+    }
+    disconnect();
+    connect();
+    resolve(stream.effects());
+}
+
+/// What can be known at once of what a vanished host has done.
+void SoakLoad::resolve(const std::vector<Effect>& effects) {
+    for (const Effect& effect : effects) {
+        if (effect.kind == Effect::Kind::close) {
+            const std::string refusal =
+                files_->refusalOf("guest-file-flush", {{"handle", effect.number}});
+            expect(refusal.empty() || refusal == "handle is not a valid file", refusal);
+            if (!refusal.empty()) {
+                std::erase(held_, effect.number);
+            }
+        } else if (effect.kind == Effect::Kind::poll) {
+            const auto program =
+                std::ranges::find(ledger_.running, effect.number, &SoakProgram::number);
+            if (program == ledger_.running.end()) {
+                continue;  // asked for twice
+            }
+            try {
+                const ProgramState state = exec_->poll(program->pid);
+                if (!state.exited) {
+                    continue;
+                }
+                ledger_.takeEnd(*program, state);
+            } catch (const RequestRefused& refused) {
+                expect(std::string(refused.what()) == "invalid PID", refused.what());
+                ++ledger_.lostEnds;
+            }
+            ledger_.running.erase(program);
+        }
+    }
+}
+
+void SoakLoad::vanishDuringTransfer() {
+    VsockPeer* const peer = target_.vsockPeer();
+    if (peer == nullptr) {
+        return;
+    }
+    const bool toHost = dice_.oneIn(2);
+    const Handle handle = toHost ? files_->open("/dev/zero") : files_->open(path("file"), "w");
+    files_->startTransfer(toHost ? Direction::read : Direction::write, handle, peer->listen());
+    if (dice_.oneIn(2)) {
+        peer->awaitConnection();
+        if (toHost) {
+            peer->receive(dice_.below(200'000));
+        } else {
+            peer->send(dice_.bytes(dice_.below(100'000)));
+        }
+    }
+    disconnect();
+    peer->close();
+    connect();
+    files_->close(handle);
+    counts_["opens"]++;
+}
+
+void SoakLoad::comeAndGo() {
+    disconnect();
+    // Fewer than what makes QEMU lose notices of it.
+    for (std::size_t count = dice_.between(1, 8); count > 0; --count) {
+        HostClient guest = target_.connectHost();
+        if (dice_.oneIn(2)) {
+            guest.send(std::string(dice_.between(1, 5), '\xFF'));
+        }
+        guest.disconnect();
+        ++counts_["connections"];
+    }
+    connect();
+}
+
+// --- accounts -----------------------------------------------------------------------------------
+
+void SoakLoad::settle() {
+    record_.note("coming to rest");
+    while (std::ranges::find_if(ledger_.running, &SoakProgram::sleeps) != ledger_.running.end()) {
+        signalProgram();
+    }
+    std::vector<pid_t> pids;
+    for (const SoakProgram& program : ledger_.running) {
+        pids.push_back(program.pid);
+    }
+    const std::vector<ProgramState> states = exec_->awaitAll(pids);
+    for (std::size_t index = 0; index < states.size(); ++index) {
+        ledger_.takeEnd(ledger_.running[index], states[index]);
+    }
+    ledger_.running.clear();
+    adoptUnseen();
+    expect(ledger_.started == ledger_.ends + ledger_.lostEnds, "not each program's end was told");
+    for (const Handle handle : std::exchange(held_, {})) {
+        files_->close(handle);
+    }
+    unsettled_ = 0;
+    ++counts_["times at rest"];
+}
+
+/// Who has started without the host's getting the process id has left it in a file.
+void SoakLoad::adoptUnseen() {
+    const auto deadline = std::chrono::steady_clock::now() + hangLimit;
+    while (target_.shell("cat /proc/$agent/task/*/children | wc -w") != "0") {
+        expect(std::chrono::steady_clock::now() < deadline, "the agent keeps children");
+    }
+    std::istringstream marks(
+        target_.shell("cd " + path("started") +
+                      "; for number in *; do [ ! -e \"$number\" ] || echo "
+                      "\"$number\" \"$(cat \"$number\")\"; rm -f \"$number\"; done"));
+    std::map<unsigned, pid_t> pids;
+    unsigned number = 0;
+    for (pid_t pid = 0; marks >> number >> pid;) {
+        pids[number] = pid;
+    }
+    for (SoakProgram& program : std::exchange(ledger_.unseen, {})) {
+        const auto found = pids.find(program.number);
+        if (found == pids.end()) {
+            ++ledger_.neverStarted;
+            continue;
+        }
+        program.pid = found->second;
+        ledger_.takeEnd(program, exec_->poll(program.pid));
+        ++ledger_.started;
+        ++ledger_.adopted;
+    }
+}
+
+void SoakLoad::expect(bool truth, const std::string& what) const {
+    if (!truth) {
+        throw std::runtime_error(what);
+    }
+}
+
+void SoakLoad::askAfterEveryProcess() {
+    constexpr long together = 500;
+    const long end = std::stol(target_.shell("cat /proc/sys/kernel/pid_max"));
+    for (long first = 1; first < end; first += together) {
+        std::vector<FileClient::Arguments> requests;
+        for (long pid = first; pid < std::min(first + together, end); ++pid) {
+            requests.push_back({{"pid", pid}});
+        }
+        files_->askAll("guest-exec-status", requests);
+    }
+}
+
+long SoakLoad::privateKibibytes() {
+    const auto measure = [this] {
+        return std::stol(
+            target_.shell("awk '/^Private_(Clean|Dirty)/ { sum += $2 } END { print sum }' "
+                          "/proc/$agent/smaps_rollup"));
+    };
+    // The agent gives back what it does not need a moment after the last request.
+    target_.shell("sleep 1");
+    return measure();
+}
+
+Footprint SoakLoad::footprint() {
+    return {target_.shell("ls -l /proc/$agent/fd | sed -n 's/\\[.*//; s/.* -> //p' | sort"),
+            target_.shell("grep -l '^VmSize' /proc/[0-9]*/status 2>/dev/null | wc -l"),
+            target_.shell("grep -l '^State:.Z' /proc/[0-9]*/status 2>/dev/null | wc -l; true"),
+            target_.shell("ls /run/corvane 2>/dev/null | wc -l"),
+            target_.shell("echo $agent"),
+            privateKibibytes()};
+}
+
+std::string SoakLoad::figures() const {
+    std::ostringstream text;
+    text << "programs started: " << ledger_.started << "\nends told once: " << ledger_.ends
+         << "\n  of those, of programs whose host vanished before the answer: " << ledger_.adopted
+         << "\nends told to a host that had vanished: " << ledger_.lostEnds
+         << "\nstarts that vanished with their host: " << ledger_.neverStarted << '\n';
+    for (const auto& [name, count] : counts_) {
+        text << name << ": " << count << '\n';
+    }
+    return text.str();
+}
+
+}  // namespace corvane::vm

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+
+#include "tests/vm/support/host_client.h"
+#include "tests/vm/support/vsock_peer.h"
+
+namespace corvane::vm {
+
+/// Where the agent is that is to bear a load.
+class SoakTarget {
+ public:
+    SoakTarget() = default;
+    SoakTarget(const SoakTarget&) = delete;
+    SoakTarget& operator=(const SoakTarget&) = delete;
+    virtual ~SoakTarget() = default;
+
+    /// A new host at the agent's channel. The one before must have left.
+    virtual HostClient connectHost() = 0;
+    /// The output of a shell command beside the agent, without a final line feed. $agent is its
+    /// process id. Throws when the command fails.
+    virtual std::string shell(const std::string& command) = 0;
+    /// The host at the vsock, or null where there is none.
+    virtual VsockPeer* vsockPeer() = 0;
+    /// A user other than root.
+    [[nodiscard]] virtual std::string user() const = 0;
+};
+
+}  // namespace corvane::vm

@@ -1,0 +1,72 @@
+#include <iostream>
+#include <string>
+
+#include "tests/vm/guest_fixture.h"
+#include "tests/vm/soak/soak_report.h"
+
+namespace corvane::vm {
+namespace {
+
+class GuestUnderLoad final : public SoakTarget {
+ public:
+    explicit GuestUnderLoad(VirtualMachine& machine) : machine_(machine), vsockPeer_(machine) {}
+
+    HostClient connectHost() override { return machine_.connectHost(); }
+    std::string shell(const std::string& command) override {
+        return machine_.shell().check("agent=$(service pid); " + command);
+    }
+    VsockPeer* vsockPeer() override { return &vsockPeer_; }
+    [[nodiscard]] std::string user() const override { return "guest"; }
+
+ private:
+    VirtualMachine& machine_;
+    VsockPeer vsockPeer_;
+};
+
+/// A guest of its own. Its log stays in the guest: writing it to the console would take most of the
+/// time. There are few process ids, so that they come again and again.
+class RandomLoad : public GuestTest {
+ protected:
+    void SetUp() override {
+        guest_ = bootGuest({.vsockLoopback = true});
+        use(*guest_);
+        synchronisedHost().disconnect();
+        shell().check(
+            "kill $(pidof syslogd); while pidof syslogd; do usleep 10000; done; syslogd -S -O "
+            "/run/log/load -s 1000 -b 1;"
+            "echo 4096 >/proc/sys/kernel/pid_max; service restart");
+    }
+
+    /// What the guest has logged of late.
+    std::string guestLog() {
+        return shell().check(
+            "cat /run/log/load.0 /run/log/load 2>/dev/null | tail -n 100 | cut -c 1-300;"
+            "echo 'standard error:'; tail -n 20 /run/log/agent.output | cut -c 1-300");
+    }
+
+ private:
+    std::unique_ptr<VirtualMachine> guest_;
+};
+
+TEST_F(RandomLoad, OfHostsThatVanishAtAnyByteLeavesNothingBehind) {
+    const std::uint64_t seed = soakSeed();
+    const std::chrono::seconds span(soakNumber("CORVANE_SOAK_SECONDS", 20));
+    std::cout << "seed " << seed << "\n";
+    RecordProperty("seed", std::to_string(seed));
+    GuestUnderLoad target(machine());
+    SoakLoad load(target, seed);
+    try {
+        EXPECT_EQ(soak(load, std::chrono::seconds(10), span), "");
+    } catch (const std::exception& failure) {
+        ADD_FAILURE() << failure.what();
+    }
+    if (HasFailure()) {
+        std::cerr << "seed " << seed << "\n"
+                  << load.figures() << "the last requests and answers:\n"
+                  << load.lastTraffic() << "the guest's log:\n"
+                  << guestLog() << "\n";
+    }
+}
+
+}  // namespace
+}  // namespace corvane::vm
