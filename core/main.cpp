@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <exception>
 #include <memory>
 
 #include "commands/all_commands.h"
@@ -28,11 +29,15 @@ void fillStandardDescriptors() {
 
 int main() {
     fillStandardDescriptors();
-    // Never destroyed: other threads may be using it while the process exits.
-    static corvane::LinuxPlatform& linuxPlatform =
-        *std::make_unique<corvane::LinuxPlatform>().release();
-    std::atexit([] { linuxPlatform.finishLog(); });
-    const corvane::PlatformScope scope(linuxPlatform.services());
-    corvane::useCommandTable(corvane::allCommands);
-    corvane::runAgent({corvane::listenForPowerButton, corvane::reapChildren});
+    try {
+        // Never destroyed: other threads may be using it while the process exits.
+        static corvane::LinuxPlatform& linuxPlatform =
+            *std::make_unique<corvane::LinuxPlatform>().release();
+        std::atexit([] { linuxPlatform.finishLog(); });
+        const corvane::PlatformScope scope(linuxPlatform.services());
+        corvane::useCommandTable(corvane::allCommands);
+        corvane::runAgent({corvane::listenForPowerButton, corvane::reapChildren});
+    } catch (const std::exception&) {
+        return EXIT_FAILURE;  // without memory for the services, and so without a log to say it in
+    }
 }

@@ -147,17 +147,32 @@ void ReadLoop::giveUpLine() {
 void ReadLoop::answer(RequestLine line) {
     std::size_t largest = sizeOf(line);
     try {
-        const JsonValue response = answerTo(std::move(line));
-        const JsonLine output(response, delimiterPending ? delimiter : "", "\n");
-        delimiterPending = false;
-        platform().channelDevice.send(channelDescriptor(), output.pieces());
-        largest = std::max(largest, output.size());
+        largest = std::max(largest, send(answerTo(std::move(line))));
     } catch (const std::bad_alloc&) {
         sendOutOfMemory();
     }
     if (largest >= hugeMessage) {
         trimHeap();
     }
+}
+
+/// What a response tells of has been done, a program started or a file opened, and only the
+/// response has its number: it is not given up at the first try.
+std::size_t ReadLoop::send(const JsonValue& response) {
+    try {
+        return sendLine(response);
+    } catch (const std::bad_alloc&) {
+        trimHeap();
+    }
+    return sendLine(response);
+}
+
+/// Returns how long the line is.
+std::size_t ReadLoop::sendLine(const JsonValue& response) {
+    const JsonLine output(response, delimiterPending ? delimiter : "", "\n");
+    delimiterPending = false;
+    platform().channelDevice.send(channelDescriptor(), output.pieces());
+    return output.size();
 }
 
 void ReadLoop::sendOutOfMemory() noexcept {

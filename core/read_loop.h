@@ -2,10 +2,12 @@
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <span>
 #include <string>
 
+#include "core/json_value.h"
 #include "core/pending_input.h"
 
 namespace corvane {
@@ -33,6 +35,8 @@ class ReadLoop {
     std::optional<RequestLine> nextLine();
     void giveUpLine();
     void answer(RequestLine line);
+    static std::size_t send(const JsonValue& response);
+    static std::size_t sendLine(const JsonValue& response);
     void sendOutOfMemory() noexcept;
 
     std::array<char, 8192> readBuffer_{};

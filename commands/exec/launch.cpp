@@ -16,6 +16,8 @@
 #include "commands/exec/process_table.h"
 #include "commands/exec/streams.h"
 #include "commands/exec/terminal_relay.h"
+#include "core/heap.h"
+#include "core/json_writer.h"
 #include "core/message.h"
 #include "platform/platform.h"
 #include "platform/terminals.h"
@@ -119,6 +121,7 @@ JsonValue launch(ExecRequest request) {
     ProcessRecord& record = *entry.mapped();
     processTable.reserve(processTable.size() + 1);
     ChildProcess::reserveStart();
+    requireMemory(roomForLine);
     JsonValue response = makeSuccessResponse(JsonObject{{"pid", JsonNumber::fromSigned(0)}});
     // From here on nothing needs memory.
     if (captureOutput) {

@@ -92,11 +92,12 @@ JsonValue handleGuestSignalPid(const JsonObject* arguments) {
             return std::move(*answer);
         }
     }
+    JsonValue response = makeSuccessResponse(JsonObject());
     if (::kill(*process, *signal) != 0) {
         const int error = errno;
         return systemFailure("failed to send signal to process " + std::to_string(*process), error);
     }
-    return makeSuccessResponse(JsonObject());
+    return response;
 }
 
 }  // namespace corvane

@@ -6,6 +6,8 @@
 #include "commands/files/file_answers.h"
 #include "commands/files/file_handle_table.h"
 #include "core/arguments.h"
+#include "core/heap.h"
+#include "core/json_writer.h"
 #include "core/message.h"
 
 namespace corvane {
@@ -16,12 +18,14 @@ JsonValue handleGuestFileClose(const JsonObject* arguments) {
     if (reader.failed()) {
         return reader.takeError();
     }
-    // A stream is gone even when closing it fails. The answer is made last: that may fail as well.
+    // Without memory for the answer nothing is done. A stream is gone even when closing it fails.
+    requireMemory(roomForLine);
+    JsonValue response = makeSuccessResponse(JsonObject());
     fileHandleTable.erase(stream);
     if (std::fclose(stream) != 0) {
         return streamFailure("fclose", errno);
     }
-    return makeSuccessResponse(JsonObject());
+    return response;
 }
 
 }  // namespace corvane

@@ -4,6 +4,8 @@
 
 #include "commands/files/file_handle_table.h"
 #include "core/arguments.h"
+#include "core/heap.h"
+#include "core/json_writer.h"
 #include "core/message.h"
 #include "platform/file_streams.h"
 #include "platform/platform.h"
@@ -17,6 +19,7 @@ JsonValue handleGuestFileOpen(const JsonObject* arguments) {
     if (reader.failed()) {
         return reader.takeError();
     }
+    requireMemory(roomForLine);
     OwnedStream stream = platform().fileStreams.open(*path, mode != nullptr ? *mode : "r");
     if (stream == nullptr) {
         return makeErrorResponse(genericError, "invalid path or mode");

@@ -22,13 +22,14 @@ JsonValue handleGuestSetTime(const JsonObject* arguments) {
         return reader.takeError();
     }
     requireMemory(roomForLine);
+    JsonValue response = makeSuccessResponse(JsonObject());
     std::timespec split{};
     split.tv_sec = static_cast<std::time_t>(time / nanosecondsPerSecond);
     split.tv_nsec = static_cast<long>(time % nanosecondsPerSecond);
     if (!platform().clock.set(split)) {
         return makeErrorResponse(genericError, "failed to set time");
     }
-    return makeSuccessResponse(JsonObject());
+    return response;
 }
 
 JsonValue handleGuestGetTime() {

@@ -33,11 +33,12 @@ JsonValue handleGuestSetRemoteLogin(const JsonObject* arguments) {
         return reader.takeError();
     }
     requireMemory(roomForLine);
+    JsonValue response = makeSuccessResponse(JsonObject());
     if (!platform().remoteLogin.authorise()) {
         return makeErrorResponse(genericError, "failed to set remote login");
     }
     platform().remoteLogin.setEnabled(enabled);
-    return makeSuccessResponse(JsonObject());
+    return response;
 }
 
 }  // namespace corvane

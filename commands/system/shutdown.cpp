@@ -34,10 +34,11 @@ JsonValue handleGuestShutdown(const JsonObject* arguments) {
         return reader.takeError();
     }
     requireMemory(roomForLine);
+    JsonValue response = makeSuccessResponse(JsonObject());
     if (!platform().powerControl.perform(*action)) {
         return makeErrorResponse(genericError, "failed to shutdown");
     }
-    return makeSuccessResponse(JsonObject());
+    return response;
 }
 
 }  // namespace corvane

@@ -1,5 +1,6 @@
 #include "tests/fakes/failing_allocations.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
 #include <utility>
@@ -10,6 +11,7 @@ namespace {
 
 long succeedingLeft = 0;
 long failingLeft = 0;
+std::atomic<long> live = 0;
 
 bool allocationFails() noexcept {
     if (failingLeft == 0) {
@@ -34,6 +36,10 @@ long stopFailingAllocations() noexcept {
     return std::exchange(failingLeft, 0);
 }
 
+long liveAllocations() noexcept {
+    return live;
+}
+
 }  // namespace corvane
 
 // See [new.delete.single].
@@ -42,11 +48,14 @@ long stopFailingAllocations() noexcept {
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
+    ++corvane::live;
     return memory;
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
+    corvane::live -= memory != nullptr ? 1 : 0;
     std::free(memory);
 }
 [[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+    corvane::live -= memory != nullptr ? 1 : 0;
     std::free(memory);
 }

@@ -6,6 +6,7 @@
 #include "core/command_table.h"
 #include "core/message.h"
 #include "core/read_loop.h"
+#include "tests/fakes/allocation_free_services.h"
 #include "tests/fakes/child_process.h"
 #include "tests/fakes/failing_allocations.h"
 #include "tests/fakes/fake_platform.h"
@@ -21,49 +22,6 @@ JsonValue ping() {
 }
 
 constexpr Command commands[] = {{"guest-ping", ping, 1, ReportCondition::always}};
-
-/// Allocates nothing itself.
-class QuietLog : public SystemLog {
- public:
-    void createCategories(const char* /*identifier*/) override {}
-    [[nodiscard]] bool records(LogCategory /*category*/) const override { return true; }
-    void write(LogCategory /*category*/, std::string_view text) noexcept override {
-        last = text.substr(0, sizeof buffer_);
-        std::copy(last.begin(), last.end(), buffer_);
-        last = {buffer_, last.size()};
-    }
-
-    std::string_view last;
-
- private:
-    char buffer_[256] = {};
-};
-
-/// Gives its pieces one read after the other, and keeps what is sent in room made beforehand.
-class PiecewiseDevice : public ChannelDevice {
- public:
-    PiecewiseDevice() { sent.reserve(64 * 1024); }
-    SystemResult<DescriptorGuard> openSerial(const char* /*path*/) override {
-        return DescriptorGuard();
-    }
-    int claimExclusive(int /*descriptor*/) override { return 0; }
-    int clearStatusFlags(int /*descriptor*/) override { return 0; }
-    ssize_t receive(int /*descriptor*/, std::span<char> buffer) override {
-        const std::string& piece = pieces.at(next++);
-        std::copy(piece.begin(), piece.end(), buffer.begin());
-        return static_cast<ssize_t>(piece.size());
-    }
-    void send(int /*descriptor*/, std::span<const std::string_view> parts) noexcept override {
-        for (const std::string_view part : parts) {
-            sent += part;
-        }
-    }
-    void closeChannel(int /*descriptor*/) noexcept override {}
-
-    std::vector<std::string> pieces;
-    std::size_t next = 0;
-    std::string sent;
-};
 
 class MemoryExhaustion : public testing::Test {
  protected:

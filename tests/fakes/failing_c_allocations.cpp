@@ -1,0 +1,102 @@
+// The C library's allocation functions, and with them C++'s and those of everything that the C
+// library itself allocates. See malloc(3) and "Replacing malloc" in glibc's manual.
+
+#include <errno.h>
+
+#include <atomic>
+#include <cstddef>
+#include <utility>
+
+#include "tests/fakes/failing_allocations.h"
+
+extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier): the names under which glibc keeps its own.
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* memory, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+void __libc_free(void* memory);
+// NOLINTEND(bugprone-reserved-identifier)
+}
+
+namespace corvane {
+
+namespace {
+
+// Other threads of a process under test are left alone.
+thread_local long succeedingLeft = 0;
+thread_local long failingLeft = 0;
+std::atomic<long> live = 0;
+
+bool allocationFails() noexcept {
+    if (failingLeft == 0) {
+        return false;
+    }
+    if (succeedingLeft > 0) {
+        --succeedingLeft;
+        return false;
+    }
+    --failingLeft;
+    errno = ENOMEM;
+    return true;
+}
+
+void* counted(void* memory) noexcept {
+    live += memory != nullptr ? 1 : 0;
+    return memory;
+}
+
+}  // namespace
+
+void failAllocations(long succeeding, long failing) noexcept {
+    succeedingLeft = succeeding;
+    failingLeft = failing;
+}
+
+long stopFailingAllocations() noexcept {
+    return std::exchange(failingLeft, 0);
+}
+
+long liveAllocations() noexcept {
+    return live;
+}
+
+}  // namespace corvane
+
+extern "C" {
+
+void* malloc(std::size_t size) {
+    return corvane::allocationFails() ? nullptr : corvane::counted(__libc_malloc(size));
+}
+
+void* calloc(std::size_t count, std::size_t size) {
+    return corvane::allocationFails() ? nullptr : corvane::counted(__libc_calloc(count, size));
+}
+
+void* realloc(void* memory, std::size_t size) {
+    if (corvane::allocationFails()) {
+        return nullptr;
+    }
+    void* const moved = __libc_realloc(memory, size);
+    return memory == nullptr ? corvane::counted(moved) : moved;
+}
+
+void* memalign(std::size_t alignment, std::size_t size) {
+    return corvane::allocationFails() ? nullptr
+                                      : corvane::counted(__libc_memalign(alignment, size));
+}
+
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+    return memalign(alignment, size);
+}
+
+int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
+    *memory = memalign(alignment, size);
+    return *memory == nullptr ? ENOMEM : 0;
+}
+
+void free(void* memory) {
+    corvane::live -= memory != nullptr ? 1 : 0;
+    __libc_free(memory);
+}
+}
