@@ -16,16 +16,6 @@
 
 namespace corvane::vm {
 
-/// What an agent has and leaves about, when it has nothing to do.
-struct Footprint {
-    std::string descriptors;   ///< what they are, a line each, sorted
-    std::string processes;     ///< how many there are beside the kernel's
-    std::string zombies;       ///< how many, whoever their parent is
-    std::string captureFiles;  ///< how many
-    std::string agent;         ///< its process id
-    long privateKibibytes = 0;
-};
-
 /// Requests of all kinds in random order from hosts that come, go, and vanish at any byte. Every
 /// answer is checked. Everything throws when something is not as it must be.
 class SoakLoad {
@@ -39,9 +29,8 @@ class SoakLoad {
     void run(std::chrono::seconds span);
     /// Waits for all programs, collects their ends and looks for those of vanished hosts.
     void settle();
-    /// Between runs.
-    Footprint footprint();
     /// Asks after every process id that there can be, each of which makes the agent remember it.
+    /// Where there are very many, after the first 100,000.
     void askAfterEveryProcess();
 
     /// One line each.
@@ -77,7 +66,6 @@ class SoakLoad {
     void adoptUnseen();
     void expect(bool truth, const std::string& what) const;
     std::string path(const std::string& name) const { return directory_ + "/" + name; }
-    long privateKibibytes();
 
     SoakTarget& target_;
     Dice dice_;

@@ -30,16 +30,22 @@ std::size_t soakNumber(const char* variable, std::size_t usual) {
     return chosen != nullptr ? std::strtoull(chosen, nullptr, 10) : usual;
 }
 
-std::string soak(SoakLoad& load, std::chrono::seconds warmUp, std::chrono::seconds span) {
-    load.askAfterEveryProcess();
-    load.run(warmUp);
-    const Footprint before = load.footprint();
-    load.run(span);
-    const Footprint after = load.footprint();
+Footprint footprintOf(SoakTarget& target) {
+    // The agent gives back what it does not need a moment after the last request.
+    target.shell("sleep 1");
+    return {target.shell("ls -l /proc/$agent/fd | sed -n 's/\\[.*//; s/.* -> //p' | sort"),
+            target.processes(),
+            target.zombies(),
+            target.shell("ls " + target.captureDirectory() + " 2>/dev/null | wc -l"),
+            target.shell("echo $agent"),
+            std::stol(target.shell("awk '/^Private_(Clean|Dirty)/ { sum += $2 } END { print sum }' "
+                                   "/proc/$agent/smaps_rollup"))};
+}
 
+std::string compare(const Footprint& before, const Footprint& after, const std::string& what) {
     const long growth = after.privateKibibytes - before.privateKibibytes;
-    std::cout << load.figures() << "private memory: " << before.privateKibibytes << " KiB, after "
-              << span.count() << " s " << growth << " KiB more\n";
+    std::cout << "private memory: " << before.privateKibibytes << " KiB, after " << what << ' '
+              << growth << " KiB more\n";
     std::ostringstream faults;
     compare(faults, "agent", before.agent, after.agent);
     compare(faults, "descriptors", before.descriptors, after.descriptors);
@@ -50,6 +56,17 @@ std::string soak(SoakLoad& load, std::chrono::seconds warmUp, std::chrono::secon
         faults << "private memory has grown by " << growth << " KiB\n";
     }
     return faults.str();
+}
+
+std::string soak(SoakTarget& target, SoakLoad& load, std::chrono::seconds warmUp,
+                 std::chrono::seconds span) {
+    load.askAfterEveryProcess();
+    load.run(warmUp);
+    const Footprint before = footprintOf(target);
+    load.run(span);
+    const Footprint after = footprintOf(target);
+    std::cout << load.figures();
+    return compare(before, after, std::to_string(span.count()) + " s");
 }
 
 }  // namespace corvane::vm

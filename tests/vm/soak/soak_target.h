@@ -20,6 +20,12 @@ class SoakTarget {
     /// The output of a shell command beside the agent, without a final line feed. $agent is its
     /// process id. Throws when the command fails.
     virtual std::string shell(const std::string& command) = 0;
+    /// How many processes there are that may be the agent's doing, and how many of these are ended
+    /// ones that nobody has reaped, whoever their parent is.
+    virtual std::string processes() = 0;
+    virtual std::string zombies() = 0;
+    /// Where the agent keeps what programs write.
+    [[nodiscard]] virtual std::string captureDirectory() const = 0;
     /// The host at the vsock, or null where there is none.
     virtual VsockPeer* vsockPeer() = 0;
     /// A user other than root.
