@@ -4,12 +4,15 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -93,6 +96,40 @@ class ListeningChannel final : public ChannelDevice {
     LinuxChannelDevice device_;
 };
 
+/// The path of the socket that stands for a port of the host.
+std::string vsockPath(const std::string& directory, std::uint32_t port) {
+    return directory + "/vsock." + std::to_string(port);
+}
+
+class UnixVsock final : public VsockSockets {
+ public:
+    explicit UnixVsock(std::string directory) : directory_(std::move(directory)) {}
+
+    SystemResult<DescriptorGuard> createStream() override {
+        DescriptorGuard made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (made.empty()) {
+            return SystemError{errno};
+        }
+        return made;
+    }
+    int connectTo(int descriptor, std::uint32_t contextId, std::uint32_t port) override {
+        if (contextId != hostContextId) {
+            return ENODEV;
+        }
+        const std::string path = vsockPath(directory_, port);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        return ::connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+                       0
+                   ? 0
+                   : errno;
+    }
+
+ private:
+    std::string directory_;
+};
+
 /// In the child. What the machine itself would feel is faked.
 [[noreturn]] void serve(const std::string& directory, vm::Descriptor listener) {
     static FileLog log(directory + "/log");
@@ -101,7 +138,7 @@ class ListeningChannel final : public ChannelDevice {
     static FakeSerialDevices serialDevices;
     static FakeHypervisor hypervisor;
     static ListeningChannel channel(std::move(listener));
-    static FakeVsockSockets vsockSockets;
+    static UnixVsock vsockSockets(directory);
     static FakeRemoteLogin remoteLogin;
     static LinuxAccounts accounts;
     static LinuxPrivateDirectory privateDirectory(
@@ -203,6 +240,10 @@ std::string LocalAgent::processes() {
 std::string LocalAgent::zombies() {
     return shell("grep -lsE '^PPid:.($agent|" + std::to_string(::getpid()) +
                  ")$' /proc/[0-9]*/status | xargs -r grep -ls '^State:.Z' | wc -l");
+}
+
+vm::Descriptor LocalAgent::listenAtVsock(unsigned port) const {
+    return vm::listenAt(vsockPath(directory_, port));
 }
 
 std::string LocalAgent::user() const {

@@ -10,7 +10,7 @@ namespace corvane {
 
 /// The agent's code in a process of its own, with the services of this machine that do it no harm:
 /// programs, files, terminals, accounts, interfaces. Its channel is a Unix socket at which it waits
-/// for one host after the other; it has no vsock. Ends with its scope.
+/// for one host after the other, and its vsock are Unix sockets, too. Ends with its scope.
 class LocalAgent final : public vm::SoakTarget {
  public:
     /// Must be made before the process has a second thread.
@@ -22,7 +22,9 @@ class LocalAgent final : public vm::SoakTarget {
     std::string processes() override;
     std::string zombies() override;
     [[nodiscard]] std::string captureDirectory() const override { return directory_ + "/captured"; }
-    vm::VsockPeer* vsockPeer() override { return nullptr; }
+    vm::VsockPeer* vsockPeer() override { return nullptr; }  // that one is of guests
+    /// Plays the host at a port of the vsock.
+    [[nodiscard]] vm::Descriptor listenAtVsock(unsigned port) const;
     [[nodiscard]] std::string user() const override;
 
     /// What the agent has logged of late.

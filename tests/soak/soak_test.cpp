@@ -1,6 +1,6 @@
 // How much is done follows the environment, so that a short run belongs to every test run:
-// CORVANE_SOAK_PROGRAMS, CORVANE_SOAK_OPENS, CORVANE_SOAK_HOSTS, CORVANE_SOAK_SECONDS,
-// CORVANE_SOAK_SEED.
+// CORVANE_SOAK_PROGRAMS, CORVANE_SOAK_OPENS, CORVANE_SOAK_CONNECTIONS, CORVANE_SOAK_HOSTS,
+// CORVANE_SOAK_SECONDS, CORVANE_SOAK_SEED.
 
 #include <signal.h>
 
@@ -15,6 +15,7 @@
 #include "tests/soak/local_agent.h"
 #include "tests/vm/soak/questions.h"
 #include "tests/vm/soak/soak_report.h"
+#include "tests/vm/support/wire_terminal.h"
 
 namespace corvane {
 namespace {
@@ -168,6 +169,97 @@ TEST_F(Soak, FilesThatAreOpenedAndClosedLeaveNothing) {
     };
     expectNothingLeft(vm::soakNumber("CORVANE_SOAK_OPENS", 10'000), "files", work);
     std::cout << closed << " files were opened and closed\n";
+}
+
+/// Programs and transfers whose streams are connections to the host, which may leave them.
+class SoakOnVsock : public Soak {
+ protected:
+    void useOnce() {
+        // Each port once: its socket stays in the agent's folder.
+        const unsigned port = ++lastPort_;
+        const vm::Descriptor listener = agent_.listenAtVsock(port);
+        const std::string bytes = dice_.bytes(dice_.below(50'000));
+        switch (dice_.below(4)) {
+            case 0:
+                runCat(port, listener, bytes);
+                break;
+            case 1:
+                runOnTerminal(port, listener);
+                break;
+            case 2:
+                transferToHost(port, listener);
+                break;
+            default:
+                transferToGuest(port, listener, bytes);
+                break;
+        }
+    }
+
+    HostClient host_ = connect();
+
+ private:
+    void runCat(unsigned port, const vm::Descriptor& listener, const std::string& bytes) {
+        const pid_t pid = exec_.start(
+            {{"path", "/bin/cat"}, {"mirel-vsock-stdio", "vsock://2:" + std::to_string(port)}});
+        vm::LineSocket connection = vm::LineSocket::acceptFrom(listener);
+        connection.send(bytes);
+        if (dice_.oneIn(3)) {
+            connection.disconnect();
+            exec_.awaitExit(pid);  // however it takes that
+            return;
+        }
+        connection.finishSending();
+        EXPECT_TRUE(connection.receiveAll() == bytes);
+        EXPECT_EQ(exec_.awaitExit(pid).exitCode, 0);
+    }
+
+    void runOnTerminal(unsigned port, const vm::Descriptor& listener) {
+        ExecClient::Arguments program = vm::shellCommand("stty size; exit 5");
+        program["mirel-vsock-stdio"] = "vsock://2:" + std::to_string(port);
+        program["mirel-termios"] = vm::cookedTerminal.record();
+        program["mirel-window-size"] = {{"rows", 30}, {"columns", 100}};
+        const pid_t pid = exec_.start(program);
+        EXPECT_EQ(vm::LineSocket::acceptFrom(listener).receiveAll(), "30 100\r\n");
+        EXPECT_EQ(exec_.awaitExit(pid).exitCode, 5);
+    }
+
+    void transferToHost(unsigned port, const vm::Descriptor& listener) {
+        const bool leaves = dice_.oneIn(3);
+        const auto handle = files_.open(leaves ? "/dev/zero" : "/bin/true");
+        files_.startTransfer(FileClient::Direction::read, handle, port);
+        vm::LineSocket connection = vm::LineSocket::acceptFrom(listener);
+        if (leaves) {
+            connection.receive(dice_.below(100'000));
+            connection.disconnect();
+            EXPECT_TRUE(files_.awaitRefusal().starts_with("write error"));
+        } else {
+            EXPECT_EQ(connection.receiveAll().size(), files_.awaitTransfer().count);
+        }
+        files_.close(handle);
+    }
+
+    void transferToGuest(unsigned port, const vm::Descriptor& listener, const std::string& bytes) {
+        const auto handle = files_.open("/dev/null", "w");
+        files_.startTransfer(FileClient::Direction::write, handle, port);
+        vm::LineSocket connection = vm::LineSocket::acceptFrom(listener);
+        connection.send(bytes);
+        connection.disconnect();
+        EXPECT_EQ(files_.awaitTransfer().count, bytes.size());
+        files_.close(handle);
+    }
+
+    ExecClient exec_{host_};
+    FileClient files_{host_};
+    unsigned lastPort_ = 70000;
+};
+
+TEST_F(SoakOnVsock, ProgramsAndTransfersLeaveNothing) {
+    expectNothingLeft(vm::soakNumber("CORVANE_SOAK_CONNECTIONS", 100), "connections",
+                      [this](std::size_t count) {
+                          for (std::size_t done = 0; done < count; ++done) {
+                              useOnce();
+                          }
+                      });
 }
 
 TEST_F(Soak, HostsThatVanishAtAnyByteLeaveNothing) {

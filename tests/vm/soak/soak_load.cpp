@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -77,7 +78,7 @@ SoakLoad::SoakLoad(SoakTarget& target, std::uint64_t seed)
       directory_(target.shell("mktemp -d")),
       ledger_(directory_, target.user(), dice_) {
     target_.shell("chmod 755 " + directory_ + "; cd " + directory_ +
-                  "; mkdir -m 1777 started; : >in; : >out");
+                  " && mkdir -m 1777 started && : >in && : >out");
     connect();
     knownBytes_ = dice_.bytes(100'000);
     files_->store(path("in"), knownBytes_, 50'000);
@@ -93,9 +94,18 @@ SoakLoad::~SoakLoad() {
 }
 
 void SoakLoad::run(std::chrono::seconds span) {
-    const auto end = std::chrono::steady_clock::now() + span;
-    while (std::chrono::steady_clock::now() < end) {
+    constexpr std::chrono::minutes betweenNews{5};
+    const auto start = std::chrono::steady_clock::now();
+    auto news = start + betweenNews;
+    for (auto now = start; now < start + span; now = std::chrono::steady_clock::now()) {
         step();
+        if (now > news) {
+            settle();
+            std::cout << "after "
+                      << std::chrono::duration_cast<std::chrono::seconds>(now - start).count()
+                      << " s " << ledger_.started << " programs" << std::endl;
+            news += betweenNews;
+        }
         if (unsettled_ >= programsUntilSettling) {
             settle();
         }
@@ -512,12 +522,18 @@ void SoakLoad::adoptUnseen() {
     }
     std::istringstream marks(
         target_.shell("cd " + path("started") +
-                      "; for number in *; do [ ! -e \"$number\" ] || echo "
+                      " && for number in *; do [ ! -e \"$number\" ] || echo "
                       "\"$number\" \"$(cat \"$number\")\"; rm -f \"$number\"; done"));
     std::map<unsigned, pid_t> pids;
-    unsigned number = 0;
-    for (pid_t pid = 0; marks >> number >> pid;) {
-        pids[number] = pid;
+    for (std::string line; std::getline(marks, line);) {
+        std::istringstream mark(line);
+        unsigned number = 0;
+        pid_t pid = 0;
+        // A program that was ended before it had written its own has left an empty one: its host
+        // knows it.
+        if (mark >> number >> pid) {
+            pids[number] = pid;
+        }
     }
     for (SoakProgram& program : std::exchange(ledger_.unseen, {})) {
         const auto found = pids.find(program.number);
@@ -530,6 +546,8 @@ void SoakLoad::adoptUnseen() {
         ++ledger_.started;
         ++ledger_.adopted;
     }
+    expect(target_.shell("ls " + target_.captureDirectory() + " 2>/dev/null | wc -l") == "0",
+           "there are capture files of nobody");
 }
 
 void SoakLoad::expect(bool truth, const std::string& what) const {

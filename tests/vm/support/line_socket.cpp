@@ -57,6 +57,16 @@ LineSocket::LineSocket(const std::string& path) : socket_(makeSocket()) {
     }
 }
 
+LineSocket LineSocket::acceptFrom(const Descriptor& listener, Limit limit) {
+    await(listener.borrow(), POLLIN, limit, "nobody connects");
+    LineSocket made;
+    made.socket_ = Descriptor(::accept4(listener.borrow(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!made.isConnected()) {
+        throwError("accept");
+    }
+    return made;
+}
+
 void LineSocket::send(std::string_view bytes, Limit limit) {
     while (!bytes.empty()) {
         await(socket_.borrow(), POLLOUT, limit, "the peer takes no more bytes");
@@ -103,6 +113,22 @@ std::string LineSocket::receiveSome(Limit limit) {
         receiveMore(limit);
     }
     return std::exchange(received_, {});
+}
+
+std::string LineSocket::receiveAll(Limit limit) {
+    try {
+        for (;;) {
+            receiveMore(limit);
+        }
+    } catch (const EndOfStream&) {
+        return std::exchange(received_, {});
+    }
+}
+
+void LineSocket::finishSending() {
+    if (::shutdown(socket_.borrow(), SHUT_WR) != 0) {
+        throwError("shutdown");
+    }
 }
 
 void LineSocket::disconnect() {

@@ -33,6 +33,8 @@ class LineSocket {
     LineSocket() = default;
     /// Connects to the socket at `path`.
     explicit LineSocket(const std::string& path);
+    /// Waits for a connection to `listener`.
+    static LineSocket acceptFrom(const Descriptor& listener, Limit limit = hangLimit);
 
     /// Sends all bytes; throws HangError when the peer has taken nothing for `limit`.
     void send(std::string_view bytes, Limit limit = hangLimit);
@@ -42,6 +44,10 @@ class LineSocket {
     std::string receive(std::size_t count, Limit limit = hangLimit);
     /// Whatever has been received, at least one byte.
     std::string receiveSome(Limit limit = hangLimit);
+    /// Everything up to the end of the connection.
+    std::string receiveAll(Limit limit = hangLimit);
+    /// Sends nothing more.
+    void finishSending();
     /// Sends all bytes, and takes in what the peer sends meanwhile, so that neither end waits for
     /// the other; what came in is there for the next receive.
     void sendWhileReceiving(std::string_view bytes, Limit limit = hangLimit);
