@@ -43,12 +43,16 @@ long liveAllocations() noexcept {
 }  // namespace corvane
 
 // See [new.delete.single].
-[[gnu::noinline]] void* operator new(std::size_t size) {
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t& /*nothrow*/) noexcept {
     void* memory = corvane::allocationFails() ? nullptr : std::malloc(size);
+    corvane::live += memory != nullptr ? 1 : 0;
+    return memory;
+}
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    void* memory = operator new(size, std::nothrow);
     if (memory == nullptr) {
         throw std::bad_alloc();
     }
-    ++corvane::live;
     return memory;
 }
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
