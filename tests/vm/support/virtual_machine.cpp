@@ -1,18 +1,14 @@
 #include "tests/vm/support/virtual_machine.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdlib>
 #include <fstream>
-#include <spawn.h>
 #include <system_error>
+
+#include "tests/vm/support/host_program.h"
 
 namespace corvane::vm {
 namespace {
@@ -49,34 +45,6 @@ std::string kernelCommandLine(const MachineOptions& options) {
 /// with no wait for QEMU to make it.
 std::string socketDevice(const std::string& id, const Descriptor& listener) {
     return "socket,id=" + id + ",server=on,wait=off,fd=" + std::to_string(listener.borrow());
-}
-
-void runProgram(const std::vector<std::string>& words, const std::filesystem::path& outputPath,
-                std::initializer_list<int> inherited, bool endWithParent, pid_t parent) {
-    if (endWithParent) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (::getppid() != parent) {
-            ::_exit(127);
-        }
-    } else {
-        ::setsid();
-    }
-    const int input = ::open("/dev/null", O_RDONLY);
-    const int output = ::open(outputPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    ::dup2(input, STDIN_FILENO);
-    ::dup2(output, STDOUT_FILENO);
-    ::dup2(output, STDERR_FILENO);
-    for (const int descriptor : inherited) {
-        ::fcntl(descriptor, F_SETFD, 0);
-    }
-    std::vector<char*> arguments;
-    for (const std::string& word : words) {
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    }
-    arguments.push_back(nullptr);
-    ::execvp(arguments[0], arguments.data());
-    ::perror(arguments[0]);
-    ::_exit(127);
 }
 
 }  // namespace
@@ -161,16 +129,11 @@ void VirtualMachine::start(const std::filesystem::path& imageDirectory,
         words.insert(words.end(), {"-fw_cfg", entry});
     }
 
-    const pid_t parent = ::getpid();
-    process_ = ::fork();
-    if (process_ < 0) {
-        throw std::system_error(errno, std::generic_category(), "fork");
-    }
-    if (process_ == 0) {
-        runProgram(words, directory_ / "qemu.log",
-                   {channel.borrow(), control.borrow(), monitor.borrow(), bridge.borrow()},
-                   options.endWithParent, parent);
-    }
+    process_ = startProgram(
+        {.words = words,
+         .outputPath = directory_ / "qemu.log",
+         .inherited = {channel.borrow(), control.borrow(), monitor.borrow(), bridge.borrow()},
+         .endWithParent = options.endWithParent});
     // QEMU alone holds the listeners now: its end is the end of every connection.
     channel.close();
     control.close();
@@ -206,15 +169,10 @@ void VirtualMachine::powerOff() {
 }
 
 void VirtualMachine::awaitEnd(Limit limit) {
-    const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, process_, 0)));
-    if (!process.isOpen()) {
-        throw std::system_error(errno, std::generic_category(), "pidfd_open");
-    }
-    pollfd ended{process.borrow(), POLLIN, 0};
-    if (::poll(&ended, 1, static_cast<int>(limit.count())) == 0) {
+    if (!awaitProgram(process_, limit)) {
         throw HangError("QEMU does not end; the guest's log:\n" + log_->since(0));
     }
-    ::waitpid(std::exchange(process_, -1), nullptr, 0);
+    process_ = -1;
 }
 
 void VirtualMachine::awaitRestart() {
