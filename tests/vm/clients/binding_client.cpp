@@ -32,6 +32,8 @@ BindingClient::BindingClient(const LibvirtDaemon& daemon, const std::string& gue
         {"/usr/bin/python3", script, daemon.uri(), guest, std::to_string(listener.borrow())},
         {listener.borrow()});
     socket_ = LineSocket(path);
+    // Once it answers, it also hears of events.
+    check({"name"});
 }
 
 BindingClient::~BindingClient() {
