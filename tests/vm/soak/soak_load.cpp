@@ -521,9 +521,7 @@ void SoakLoad::adoptUnseen() {
         expect(std::chrono::steady_clock::now() < deadline, "the agent keeps children");
     }
     std::istringstream marks(
-        target_.shell("cd " + path("started") +
-                      " && for number in *; do [ ! -e \"$number\" ] || echo "
-                      "\"$number\" \"$(cat \"$number\")\"; rm -f \"$number\"; done"));
+        target_.shell("cd " + path("started") + " && { grep -H . * 2>/dev/null; rm -f *; }"));
     std::map<unsigned, pid_t> pids;
     for (std::string line; std::getline(marks, line);) {
         std::istringstream mark(line);
@@ -531,7 +529,8 @@ void SoakLoad::adoptUnseen() {
         pid_t pid = 0;
         // A program that was ended before it had written its own has left an empty one: its host
         // knows it.
-        if (mark >> number >> pid) {
+        char colon = 0;
+        if (mark >> number >> colon >> pid) {
             pids[number] = pid;
         }
     }
