@@ -9,8 +9,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include <boost/json/serialize.hpp>
-
 #include "tests/vm/soak/questions.h"
 #include "tests/vm/support/checksum.h"
 #include "tests/vm/support/wire_terminal.h"
@@ -22,55 +20,7 @@ namespace {
 /// again while a vanished host's are not known.
 constexpr std::size_t programsUntilSettling = 150;
 
-std::string requestLine(std::string_view command, const ExecClient::Arguments& arguments) {
-    return boost::json::serialize(
-        boost::json::object{{"execute", command}, {"arguments", arguments}});
-}
-
 }  // namespace
-
-/// What a request of a vanished host may have done.
-struct SoakLoad::Effect {
-    enum class Kind { start, poll, close };
-    Kind kind;
-    std::size_t number;  ///< of the program, or the handle
-};
-
-/// What a host sends before it vanishes.
-class SoakLoad::Stream {
- public:
-    void addLine(const std::string& line) {
-        bytes_ += line + '\n';
-        lineEnds_.push_back(bytes_.size());
-    }
-    void addRequest(const std::string& line, const Effect& effect) {
-        addLine(line);
-        effects_.emplace_back(bytes_.size(), effect);
-    }
-    /// Drops whatever is unfinished before it.
-    void addGarbage(const std::string& bytes) { bytes_ += bytes + '\xFF'; }
-
-    void cut(std::size_t length) {
-        bytes_.resize(length);
-        std::erase_if(lineEnds_, [length](std::size_t end) { return end > length; });
-        std::erase_if(effects_, [length](const auto& entry) { return entry.first > length; });
-    }
-
-    [[nodiscard]] const std::string& bytes() const { return bytes_; }
-    [[nodiscard]] bool getsAnAnswer() const { return !lineEnds_.empty(); }
-    [[nodiscard]] std::vector<Effect> effects() const {
-        std::vector<Effect> all;
-        for (const auto& [end, effect] : effects_) {
-            all.push_back(effect);
-        }
-        return all;
-    }
-
- private:
-    std::string bytes_;
-    std::vector<std::size_t> lineEnds_;
-    std::vector<std::pair<std::size_t, Effect>> effects_;
-};
 
 SoakLoad::SoakLoad(SoakTarget& target, std::uint64_t seed)
     : target_(target),
@@ -362,131 +312,6 @@ void SoakLoad::transferFile() {
 void SoakLoad::setClock() {
     const auto now = exec_->ask("guest-get-time", {}).at("time").to_number<std::uint64_t>();
     exec_->ask("guest-set-time", {{"time", now}});
-}
-
-// --- hosts that do not --------------------------------------------------------------------------
-
-void SoakLoad::vanish() {
-    Stream stream;
-    for (std::size_t count = dice_.between(1, 6); count > 0; --count) {
-        switch (dice_.below(8)) {
-            case 0:
-            case 1: {
-                SoakProgram program = ledger_.make(false);
-                stream.addRequest(requestLine("guest-exec", program.arguments),
-                                  {Effect::Kind::start, program.number});
-                ledger_.unseen.push_back(std::move(program));
-                ++unsettled_;
-                break;
-            }
-            case 2:
-            case 3:
-                if (!ledger_.running.empty()) {
-                    const SoakProgram& program =
-                        ledger_.running[dice_.below(ledger_.running.size())];
-                    stream.addRequest(requestLine("guest-exec-status", {{"pid", program.pid}}),
-                                      {Effect::Kind::poll, program.number});
-                }
-                break;
-            case 4:
-                if (!held_.empty()) {
-                    const Handle handle = held_[dice_.below(held_.size())];
-                    if (dice_.oneIn(5)) {
-                        stream.addRequest(requestLine("guest-file-close", {{"handle", handle}}),
-                                          {Effect::Kind::close, handle});
-                    } else {
-                        stream.addLine(
-                            requestLine("guest-file-seek",
-                                        {{"handle", handle}, {"offset", 0}, {"whence", "set"}}));
-                        stream.addLine(requestLine("guest-file-read",
-                                                   {{"handle", handle}, {"count", 100'000}}));
-                    }
-                }
-                break;
-            case 5:
-                stream.addGarbage(dice_.oneIn(2) ? dice_.bytes(dice_.below(50))
-                                                 : R"({"execute":"guest-)");
-                break;
-            default:
-                stream.addLine(randomQuestion(dice_).line);
-        }
-    }
-    stream.cut(dice_.oneIn(4) ? stream.bytes().size() : dice_.below(stream.bytes().size() + 1));
-    host_->sendWhileReceiving(stream.bytes());
-    if (stream.getsAnAnswer() && dice_.oneIn(2)) {
-        host_->receiveSome();
-    }
-    disconnect();
-    connect();
-    resolve(stream.effects());
-}
-
-/// What can be known at once of what a vanished host has done.
-void SoakLoad::resolve(const std::vector<Effect>& effects) {
-    for (const Effect& effect : effects) {
-        if (effect.kind == Effect::Kind::close) {
-            const std::string refusal =
-                files_->refusalOf("guest-file-flush", {{"handle", effect.number}});
-            expect(refusal.empty() || refusal == "handle is not a valid file", refusal);
-            if (!refusal.empty()) {
-                std::erase(held_, effect.number);
-            }
-        } else if (effect.kind == Effect::Kind::poll) {
-            const auto program =
-                std::ranges::find(ledger_.running, effect.number, &SoakProgram::number);
-            if (program == ledger_.running.end()) {
-                continue;  // asked for twice
-            }
-            try {
-                const ProgramState state = exec_->poll(program->pid);
-                if (!state.exited) {
-                    continue;
-                }
-                ledger_.takeEnd(*program, state);
-            } catch (const RequestRefused& refused) {
-                expect(std::string(refused.what()) == "invalid PID", refused.what());
-                ++ledger_.lostEnds;
-            }
-            ledger_.running.erase(program);
-        }
-    }
-}
-
-void SoakLoad::vanishDuringTransfer() {
-    VsockPeer* const peer = target_.vsockPeer();
-    if (peer == nullptr) {
-        return;
-    }
-    const bool toHost = dice_.oneIn(2);
-    const Handle handle = toHost ? files_->open("/dev/zero") : files_->open(path("file"), "w");
-    files_->startTransfer(toHost ? Direction::read : Direction::write, handle, peer->listen());
-    if (dice_.oneIn(2)) {
-        peer->awaitConnection();
-        if (toHost) {
-            peer->receive(dice_.below(200'000));
-        } else {
-            peer->send(dice_.bytes(dice_.below(100'000)));
-        }
-    }
-    disconnect();
-    peer->close();
-    connect();
-    files_->close(handle);
-    counts_["opens"]++;
-}
-
-void SoakLoad::comeAndGo() {
-    disconnect();
-    // Fewer than what makes QEMU lose notices of it.
-    for (std::size_t count = dice_.between(1, 8); count > 0; --count) {
-        HostClient guest = target_.connectHost();
-        if (dice_.oneIn(2)) {
-            guest.send(std::string(dice_.between(1, 5), '\xFF'));
-        }
-        guest.disconnect();
-        ++counts_["connections"];
-    }
-    connect();
 }
 
 // --- accounts -----------------------------------------------------------------------------------
