@@ -1,0 +1,21 @@
+#pragma once
+
+#include <functional>
+#include <span>
+#include <string>
+
+#include "tests/vm/faults/fault_bench.h"
+
+namespace corvane::vm {
+
+/// Work of the agent in which each system call is made to fail. Running it throws Deviation when it
+/// does not come out as it does without a fault.
+struct Scenario {
+    std::string name;
+    std::function<void(FaultBench&)> run;
+    bool startsAgent = false;  ///< run with an agent that is being started
+};
+
+std::span<const Scenario> scenarios();
+
+}  // namespace corvane::vm
