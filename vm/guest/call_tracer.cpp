@@ -171,32 +171,39 @@ void CallTracer::enterCall(pid_t task, const CallInfo& call) {
 }
 
 void CallTracer::spoil(pid_t task, const CallInfo& call) {
-    user_regs_struct registers = registersOf(task);
     Task& entry = tasks_[task];
+    entry.registers = registersOf(task);
+    entry.failing = Task::Failing::refused;
+    user_regs_struct changed = entry.registers;
     if (fault_->error == 0) {
         // The kernel transfers so much less in truth. A single byte cannot be halved.
-        if (!countsBytes(call.entry.nr) || registers.rdx < 2) {
+        if (!countsBytes(call.entry.nr) || changed.rdx < 2) {
+            entry.failing = Task::Failing::no;
             return;
         }
-        entry.shortenedFrom = std::exchange(registers.rdx, registers.rdx / 2);
+        changed.rdx /= 2;
+        entry.failing = Task::Failing::answered;
+    } else if (movesTheBreak(call.entry.nr)) {
+        changed.rdi = 0;
+        entry.failing = Task::Failing::answered;
     } else if (!closesDescriptor(call.entry.nr)) {
-        registers.orig_rax = ~0ULL;  // no call at all
+        changed.orig_rax = ~0ULL;  // no call at all
     }
-    setRegisters(task, registers);
-    entry.failing = true;
+    setRegisters(task, changed);
     faultHappened_ = true;
 }
 
 void CallTracer::leaveCall(pid_t task) {
     Task& entry = tasks_[task];
-    if (!std::exchange(entry.failing, false)) {
+    const auto failing = std::exchange(entry.failing, Task::Failing::no);
+    if (failing == Task::Failing::no) {
         return;
     }
     user_regs_struct registers = registersOf(task);
-    if (entry.shortenedFrom != 0) {
-        // The caller relies on its argument to be left alone.
-        registers.rdx = std::exchange(entry.shortenedFrom, 0);
-    } else {
+    // The caller relies on its arguments to be left alone.
+    registers.rdi = entry.registers.rdi;
+    registers.rdx = entry.registers.rdx;
+    if (failing == Task::Failing::refused) {
         registers.rax = static_cast<unsigned long long>(-static_cast<long long>(fault_->error));
     }
     setRegisters(task, registers);

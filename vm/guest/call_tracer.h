@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <sys/user.h>
 
 #include <cstdint>
 #include <map>
@@ -52,11 +53,12 @@ class CallTracer {
 
  private:
     struct Task {
-        std::string role;      ///< empty until its parent's event has told
-        bool waits = false;    ///< stopped at its start until its role is known
-        bool mutes = true;     ///< the SIGSTOP of its start is not for it
-        bool failing = false;  ///< in the call that is made to fail
-        std::uint64_t shortenedFrom = 0;
+        std::string role;    ///< empty until its parent's event has told
+        bool waits = false;  ///< stopped at its start until its role is known
+        bool mutes = true;   ///< the SIGSTOP of its start is not for it
+        /// Where it is in the call that is made to fail.
+        enum class Failing { no, refused, answered } failing = Failing::no;
+        user_regs_struct registers{};  ///< of that call, as it was made
     };
 
     void handleStop(pid_t task, int status);

@@ -10,6 +10,7 @@
 //   await-end                     answers when the agent has ended
 //   begin [ERROR OCCURRENCE CALL] forgets what was counted, and sets a fault; ERROR 0 is a short
 //                                 count. CALL is one line as "report" prints it
+//   state                         answers at once
 //   report                        what was counted since, and no fault any more
 //
 // Every answer has one line "KEY VALUE" for each of: agent (process id, or -1), status (of the

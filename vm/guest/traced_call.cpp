@@ -1,6 +1,7 @@
 #include "vm/guest/traced_call.h"
 
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -28,6 +29,7 @@ enum class Object {
     child,             ///< what clone makes
     command,           ///< of fcntl, and its descriptor
     request,           ///< of ioctl, and its descriptor
+    operation,         ///< of futex
 };
 
 struct KnownCall {
@@ -56,9 +58,11 @@ constexpr KnownCall knownCalls[] = {
     {SYS_execve, "execve", Object::path},
     {SYS_exit, "exit"},
     {SYS_exit_group, "exit_group"},
+    {SYS_faccessat2, "faccessat2", Object::pathInFolder},
     {SYS_fcntl, "fcntl", Object::command},
     {SYS_fstat, "fstat", Object::descriptor},
-    {SYS_futex, "futex"},
+    {SYS_futex, "futex", Object::operation},
+    {SYS_geteuid, "geteuid"},
     {SYS_getdents64, "getdents64", Object::descriptor},
     {SYS_getpid, "getpid"},
     {SYS_getrandom, "getrandom"},
@@ -117,6 +121,10 @@ struct Word {
 
 constexpr Word domains[] = {
     {AF_UNIX, "AF_UNIX"}, {AF_NETLINK, "AF_NETLINK"}, {AF_VSOCK, "AF_VSOCK"}};
+constexpr Word futexOperations[] = {{FUTEX_WAIT, "wait"},
+                                    {FUTEX_WAIT_BITSET, "wait"},
+                                    {FUTEX_WAKE, "wake"},
+                                    {FUTEX_WAKE_BITSET, "wake"}};
 constexpr Word fcntlCommands[] = {
     {F_GETFD, "F_GETFD"}, {F_SETFD, "F_SETFD"}, {F_GETFL, "F_GETFL"}, {F_SETFL, "F_SETFL"}};
 constexpr Word ioctlRequests[] = {{TIOCEXCL, "TIOCEXCL"},       {TIOCSCTTY, "TIOCSCTTY"},
@@ -221,6 +229,8 @@ std::string objectName(pid_t task, Object object, const std::uint64_t* arguments
         case Object::request:
             return wordFor(ioctlRequests, arguments[1] & 0xFFFFFFFFU) + " " +
                    descriptorName(task, descriptor);
+        case Object::operation:
+            return wordFor(futexOperations, arguments[1] & static_cast<unsigned>(FUTEX_CMD_MASK));
     }
     return "";
 }
@@ -259,6 +269,10 @@ std::string describeCall(pid_t task, const CallInfo& call) {
 
 bool closesDescriptor(std::uint64_t number) {
     return number == SYS_close;
+}
+
+bool movesTheBreak(std::uint64_t number) {
+    return number == SYS_brk;
 }
 
 bool countsBytes(std::uint64_t number) {

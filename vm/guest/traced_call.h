@@ -18,5 +18,9 @@ std::string describeCall(pid_t task, const CallInfo& call);
 /// Whether closing is what the call does: it has taken effect whatever it returns.
 bool closesDescriptor(std::uint64_t number);
 
+/// Whether the call is brk(2). It knows no error: it answers where the break is, as it does when it
+/// is asked for address 0.
+bool movesTheBreak(std::uint64_t number);
+
 /// Whether the third argument of the call says how many bytes it transfers at most.
 bool countsBytes(std::uint64_t number);

@@ -7,7 +7,7 @@ namespace corvane::vm {
 
 FaultBench::FaultBench(VirtualMachine& machine) : machine_(machine), tracer_(machine.shell()) {
     tracer_.restart();
-    host_ = std::make_unique<HostClient>(machine_.connectHost());
+    connect();
     host_->synchronise();
 }
 
@@ -18,34 +18,34 @@ VsockPeer& FaultBench::peer() {
     return *peer_;
 }
 
+void FaultBench::closePeer() {
+    if (peer_) {
+        peer_->close();
+    }
+}
+
 boost::json::value FaultBench::ask(std::string_view command, const Arguments& arguments) {
     const std::size_t start = machine_.log().end();
-    send(command, arguments);
-    if (connectionEnds_) {
-        machine_.log().await(connectionEnded, start);
-        host_->synchronise();
+    std::string requests = boost::json::serialize(boost::json::object{{"execute", command},
+                                                                      {"arguments", arguments}}) +
+                           '\n';
+    if (expected_ == noAnswer) {
+        // In one piece with another, whose answer tells that there is none before it.
+        requests += R"({"execute":"guest-sync","arguments":{"id":1}})"
+                    "\n";
+    }
+    host_->send(requests);
+    if (expected_ == connectionEnded) {
+        machine_.log().await(connectionEnded, start, faultPatience);
+        host_->synchronise(faultPatience);
         throw Deviation(std::string(connectionEnded));
     }
-    return receive();
-}
-
-void FaultBench::send(std::string_view command, const Arguments& arguments) {
-    // In one piece with a request that follows it: its answer tells that there is none before it.
-    host_->send(boost::json::serialize(
-                    boost::json::object{{"execute", command}, {"arguments", arguments}}) +
-                "\n" R"({"execute":"guest-sync","arguments":{"id":)" + std::to_string(++lastId_) +
-                "}}\n");
-}
-
-boost::json::value FaultBench::receive() {
-    const std::string sync = R"({"return":)" + std::to_string(lastId_) + "}";
-    const std::string line = host_->receiveLine();
-    if (line == sync) {
+    const std::string line = host_->receiveLine(faultPatience);
+    if (expected_ == noAnswer && line == R"({"return":1})") {
         throw Deviation(std::string(noAnswer));
     }
-    const std::string next = host_->receiveLine();
-    if (next != sync) {
-        throw Deviation("out of step: " + line + " and then " + next);
+    if (expected_ == noAnswer) {
+        host_->receiveLine(faultPatience);
     }
     boost::json::value answer = boost::json::parse(line);
     if (const boost::json::value* error = answer.as_object().if_contains("error")) {
@@ -54,12 +54,21 @@ boost::json::value FaultBench::receive() {
     return std::move(answer.as_object().at("return"));
 }
 
+void FaultBench::connect() {
+    host_.reset();
+    host_ = std::make_unique<HostClient>(machine_.connectHost());
+}
+
 void FaultBench::replaceHost() {
     const std::size_t start = machine_.log().end();
+    disconnect();
+    machine_.log().await(connectionEnded, start, faultPatience);
+    connect();
+    host_->synchronise(faultPatience);
+}
+
+void FaultBench::disconnect() {
     host_->disconnect();
-    machine_.log().await(connectionEnded, start);
-    host_ = std::make_unique<HostClient>(machine_.connectHost());
-    host_->synchronise();
 }
 
 void FaultBench::awaitEndOf(pid_t process) {

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
@@ -22,6 +23,9 @@ struct Deviation : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+/// How long anything may take before it is called a hang.
+inline constexpr Limit faultPatience = std::chrono::seconds(20);
+
 inline constexpr std::string_view noAnswer = "no answer";
 inline constexpr std::string_view connectionEnded = "The connection has ended.";
 
@@ -37,20 +41,23 @@ class FaultBench {
     FaultTracer& tracer() { return tracer_; }
     HostClient& host() { return *host_; }
     VsockPeer& peer();
+    /// Ends the connection with the peer, if there is one.
+    void closePeer();
 
-    /// The agent is expected to lose the channel and what the host has sent: `ask` waits for that
-    /// instead of an answer.
-    void expectEndOfConnection(bool expected) { connectionEnds_ = expected; }
+    /// How the next request is expected to come out. What cannot be told from a hang by itself is
+    /// looked for: `noAnswer`, and `connectionEnded`, when what the host has sent is lost.
+    void expect(std::string outcome) { expected_ = std::move(outcome); }
 
-    /// What the agent returns. Throws Deviation with the description of an error, with `noAnswer`
-    /// when it answers the next request instead, and with `connectionEnded` when it was expected.
+    /// What the agent returns. Throws Deviation with the description of an error, or with the
+    /// outcome that was expected.
     boost::json::value ask(std::string_view command, const Arguments& arguments = {});
-    /// Sends a request whose answer is taken later.
-    void send(std::string_view command, const Arguments& arguments);
-    boost::json::value receive();
 
-    /// A new host in the place of the old one.
+    /// Connects a new host; the old one, if any, has left before.
+    void connect();
+    /// A new host in the place of the old one, whose leaving the agent has noticed.
     void replaceHost();
+    /// The host leaves.
+    void disconnect();
     /// Waits until a process of the guest is there no more.
     void awaitEndOf(pid_t process);
 
@@ -59,8 +66,7 @@ class FaultBench {
     FaultTracer tracer_;
     std::unique_ptr<HostClient> host_;
     std::unique_ptr<VsockPeer> peer_;
-    unsigned lastId_ = 0;
-    bool connectionEnds_ = false;
+    std::string expected_;
 };
 
 }  // namespace corvane::vm

@@ -18,8 +18,8 @@ struct InjectedFault {
 
 /// How the agent is, and what it has done since the last `begin`.
 struct TracerReport {
-    pid_t agent = -1;           ///< -1 when it does not run
-    int exitStatus = 0;         ///< of its last end
+    pid_t agent = -1;    ///< -1 when it does not run
+    int exitStatus = 0;  ///< of its last end
     bool faultHappened = false;
     int descriptors = 0;
     int children = 0;

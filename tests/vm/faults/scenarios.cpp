@@ -35,21 +35,81 @@ value endOf(FaultBench& bench, const value& pid, int exitCode = 0) {
     return result;
 }
 
-/// For scenarios that may be stopped on the way: the program's end is taken whatever comes.
+/// A program of a scenario. Where the scenario stops on the way, it is ended and forgotten.
 class StartedProgram {
  public:
     StartedProgram(FaultBench& bench, const object& arguments)
         : bench_(bench), pid_(bench.ask("guest-exec", arguments).at("pid")) {}
+    StartedProgram(const StartedProgram&) = delete;
+    StartedProgram& operator=(const StartedProgram&) = delete;
+    ~StartedProgram() {
+        if (hasEnded_) {
+            return;
+        }
+        try {
+            bench_.shell().run("kill -9 " + std::to_string(pid_.to_number<pid_t>()));
+            endOf(bench_, pid_);
+        } catch (const std::exception&) {
+            // What is left behind is noticed.
+        }
+    }
 
-    value end(int exitCode = 0) { return endOf(bench_, pid_, exitCode); }
+    value end(int exitCode = 0) {
+        hasEnded_ = true;
+        return endOf(bench_, pid_, exitCode);
+    }
 
  private:
     FaultBench& bench_;
     value pid_;
+    bool hasEnded_ = false;
 };
 
+/// An open file of a scenario.
+class OpenFile {
+ public:
+    OpenFile(FaultBench& bench, const object& arguments)
+        : bench_(bench), handle_(bench.ask("guest-file-open", arguments)) {}
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+    ~OpenFile() {
+        if (isClosed_) {
+            return;
+        }
+        try {
+            close();
+        } catch (const std::exception&) {
+            // What is left open is noticed.
+        }
+    }
+
+    value ask(std::string_view command, object arguments = {}) {
+        arguments["handle"] = handle_;
+        return bench_.ask(command, arguments);
+    }
+    void close() {
+        isClosed_ = true;
+        ask("guest-file-close");
+    }
+
+ private:
+    FaultBench& bench_;
+    value handle_;
+    bool isClosed_ = false;
+};
+
+/// The peer's side of a scenario: a connection that ends early is an outcome.
+template <typename Act>
+auto withPeer(FaultBench& bench, Act act) {
+    try {
+        return act(bench.peer());
+    } catch (const EndOfStream&) {
+        throw Deviation("vsock connection ended");
+    }
+}
+
 void start(FaultBench& bench) {
-    bench.host().synchronise();
+    bench.ask("guest-ping");
 }
 
 void ping(FaultBench& bench) {
@@ -69,7 +129,8 @@ void execWithCapture(FaultBench& bench) {
     arguments["capture-output"] = true;
     arguments["input-data"] = encodeBase64("input");
     const value result = StartedProgram(bench, arguments).end(3);
-    expect(textOf(result, "out-data") == "input", "out-data \"" + textOf(result, "out-data") + "\"");
+    expect(textOf(result, "out-data") == "input",
+           "out-data \"" + textOf(result, "out-data") + "\"");
     expect(textOf(result, "err-data") == "error\n",
            "err-data \"" + textOf(result, "err-data") + "\"");
 }
@@ -96,8 +157,8 @@ void execOnVsock(FaultBench& bench) {
     bench.peer().send("through and back");
     bench.peer().finishSending();
     const std::string back = bench.peer().receiveAll();
-    program.end();
     expect(back == "through and back", "echo \"" + back + "\"");
+    program.end();
 }
 
 void execOnTerminal(FaultBench& bench) {
@@ -106,33 +167,51 @@ void execOnTerminal(FaultBench& bench) {
     arguments["mirel-termios"] = cookedTerminal.record();
     arguments["mirel-window-size"] = {{"rows", 30}, {"columns", 100}};
     StartedProgram program(bench, arguments);
-    bench.peer().awaitConnection();
-    bench.peer().await("30 100\r\n");
-    bench.peer().send("line\n");
-    bench.peer().await("line\r\nline\r\n");
-    bench.peer().send("\x04");
-    bench.peer().receiveAll();
+    withPeer(bench, [](VsockPeer& peer) {
+        peer.awaitConnection();
+        peer.await("30 100\r\n", faultPatience);
+        peer.send("line\n");
+        peer.await("line\r\nline\r\n", faultPatience);
+        peer.send("\x04");
+        peer.receiveAll(faultPatience);
+    });
     program.end();
 }
 
 void file(FaultBench& bench) {
-    const value handle = bench.ask("guest-file-open", {{"path", "/run/fault.file"}, {"mode", "w+"}});
-    bench.ask("guest-file-write", {{"handle", handle}, {"buf-b64", encodeBase64("content")}});
-    bench.ask("guest-file-flush", {{"handle", handle}});
-    bench.ask("guest-file-seek", {{"handle", handle}, {"offset", 0}, {"whence", "set"}});
-    const value read = bench.ask("guest-file-read", {{"handle", handle}});
-    bench.ask("guest-file-close", {{"handle", handle}});
+    OpenFile opened(bench, {{"path", "/run/fault.file"}, {"mode", "w+"}});
+    opened.ask("guest-file-write", {{"buf-b64", encodeBase64("content")}});
+    opened.ask("guest-file-flush");
+    opened.ask("guest-file-seek", {{"offset", 0}, {"whence", "set"}});
+    const value read = opened.ask("guest-file-read");
+    opened.close();
     expect(textOf(read, "buf-b64") == "content", "read \"" + textOf(read, "buf-b64") + "\"");
 }
 
 void transferToHost(FaultBench& bench) {
     bench.shell().check("echo content > /run/fault.file");
-    const value handle = bench.ask("guest-file-open", {{"path", "/run/fault.file"}});
+    OpenFile opened(bench, {{"path", "/run/fault.file"}});
     const unsigned port = bench.peer().listen();
-    bench.send("mirel-guest-file-vsock-read", {{"handle", handle}, {"cid", 2}, {"port", port}});
-    const value result = bench.receive();
-    bench.ask("guest-file-close", {{"handle", handle}});
-    expect(result.at("count") == 8, "count");
+    const value result = opened.ask("mirel-guest-file-vsock-read", {{"cid", 2}, {"port", port}});
+    opened.close();
+    expect(result.at("count") == 8, "count " + std::to_string(result.at("count").as_int64()));
+    bench.peer().awaitConnection();
+    const std::string bytes = bench.peer().receiveAll(faultPatience);
+    expect(bytes == "content\n", "sent \"" + bytes + "\"");
+}
+
+void transferFromHost(FaultBench& bench) {
+    // Another one each time: a sender of before may still wait for an agent that has not come.
+    static int port = 60000;
+    ++port;
+    OpenFile opened(bench, {{"path", "/run/fault.file"}, {"mode", "w"}});
+    bench.shell().check("echo content > /run/fault.source; vsock-host send " +
+                        std::to_string(port) + " /run/fault.source");
+    const value result = opened.ask("mirel-guest-file-vsock-write", {{"cid", 2}, {"port", port}});
+    opened.close();
+    expect(result.at("count") == 8, "count " + std::to_string(result.at("count").as_int64()));
+    const std::string bytes = bench.shell().check("cat /run/fault.file");
+    expect(bytes == "content", "stored \"" + bytes + "\"");
 }
 
 void interfaces(FaultBench& bench) {
@@ -153,7 +232,7 @@ void info(FaultBench& bench) {
 const std::vector<Scenario> list = {
     {"start-up", start, true},
     {"ping", ping},
-    {"reconnect", reconnect},
+    {"reconnect", reconnect, false, [](FaultBench& bench) { bench.disconnect(); }},
     {"info", info},
     {"exec", execWithoutStreams},
     {"exec capture", execWithCapture},
@@ -162,6 +241,7 @@ const std::vector<Scenario> list = {
     {"exec terminal", execOnTerminal},
     {"file", file},
     {"transfer to host", transferToHost},
+    {"transfer from host", transferFromHost},
     {"interfaces", interfaces},
     {"clock", clock},
 };

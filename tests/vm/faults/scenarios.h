@@ -14,6 +14,8 @@ struct Scenario {
     std::string name;
     std::function<void(FaultBench&)> run;
     bool startsAgent = false;  ///< run with an agent that is being started
+    /// For faults that end the agent: what makes it do its work, without awaiting the outcome.
+    std::function<void(FaultBench&)> provoke = [](FaultBench& /*bench*/) {};
 };
 
 std::span<const Scenario> scenarios();

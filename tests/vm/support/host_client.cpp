@@ -4,13 +4,13 @@
 
 namespace corvane::vm {
 
-void HostClient::synchronise() {
+void HostClient::synchronise(Limit limit) {
     static std::mt19937_64 numbers{std::random_device{}()};
     const std::string id = std::to_string(numbers() >> 12);
     send("\xFF{\"execute\":\"guest-sync-delimited\",\"arguments\":{\"id\":" + id + "}}\n");
     // An answer to an earlier host may end in the middle: the marker need not start its line.
     const std::string expected = "\xFF{\"return\":" + id + "}";
-    while (!receiveLine().ends_with(expected)) {
+    while (!receiveLine(limit).ends_with(expected)) {
     }
 }
 

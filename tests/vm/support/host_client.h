@@ -16,7 +16,7 @@ class HostClient {
 
     /// Brings both ends in step: resets the agent's pending input and skips everything that was
     /// meant for an earlier host, until the answer with an id of its own arrives.
-    void synchronise();
+    void synchronise(Limit limit = hangLimit);
 
     /// Sends one request line and returns the line that answers it, without line feeds.
     std::string request(std::string_view json, Limit limit = hangLimit);

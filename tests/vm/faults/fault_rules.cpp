@@ -1,0 +1,286 @@
+#include "tests/vm/faults/fault_rules.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fnmatch.h>
+#include <vector>
+
+namespace corvane::vm {
+namespace {
+
+constexpr std::string_view connectionHasEnded = "The connection has ended.";
+constexpr std::string_view otherEnvironment = "Invalid guest agent environment.";
+constexpr std::string_view noButton = "Unable to register for HID power button events.";
+constexpr std::string_view opening = "@(start-up|reconnect)";
+
+const std::vector<FaultRule> rules = {
+    // What every request does is tried with guest-ping, and what opens the channel where it is
+    // opened.
+    {"!(start-up|ping|reconnect)", "log *", "elsewhere"},
+    {"!(start-up|ping|reconnect)", "main * /dev/vport#p#", "elsewhere"},
+    {"!(start-up|ping|reconnect)", "main access *", "elsewhere"},
+
+    // The log does without what it cannot have: an entry may be lost, nothing else.
+    {.scenarios = "*", .call = "log *", .mayBeLeftOut = true},
+    {"*", "main access *"},
+    {.scenarios = "*", .call = "main futex wait", .mayBeLeftOut = true},
+
+    // Memory: the C library has other ways to it, or does without giving it back.
+    {.scenarios = "*", .call = "main @(brk|madvise|munmap)", .mayBeLeftOut = true},
+
+    // The channel at work.
+    {.scenarios = "@(start-up|ping|reconnect)",
+     .call = "main write /dev/vport#p#",
+     .outcome = "no answer",
+     .errors = "EIO"},
+    {"@(start-up|ping|reconnect)", "main write /dev/vport#p#"},
+    {.scenarios = "ping",
+     .call = "main read /dev/vport#p#",
+     .errors = "EIO",
+     .log = connectionHasEnded},
+    {"ping", "main read /dev/vport#p#"},
+    {"@(start-up|ping|reconnect)", "main poll /dev/vport#p#", "done", "EINTR"},
+    {"ping", "main poll /dev/vport#p#", "no answer", "ENOMEM", 2, 2},
+    {.scenarios = "@(start-up|ping|reconnect)",
+     .call = "main poll /dev/vport#p#",
+     .outcome = "done | no answer",
+     .mayBeLeftOut = true},
+    {"ping", "main fcntl F_SETFL /dev/vport#p#", "no answer", "ENOMEM", 1, 1},
+    {"ping", "main fcntl F_SETFL /dev/vport#p#"},
+
+    // Opening the channel. A port that nobody publishes: the serial device is opened.
+    {opening, "main @(openat|read|close) /proc/cmdline"},
+    {opening, "main newfstatat /sys/firmware/*"},
+    // The device.
+    {opening, "main openat /dev/tty.org.qemu.guest_agent.#", "done", "EINTR"},
+    {opening, "main openat /dev/tty.org.qemu.guest_agent.#", "exit 1"},
+    {opening, "main @(newfstatat|epoll_*) /dev/vport#p#", "exit 1"},
+    {opening, "main epoll_create1", "exit 1"},
+    // What is not known to be a port is asked for the exclusive use that only a tty has.
+    {.scenarios = opening,
+     .call = "main @(readlink|newfstatat) /sys/dev/char/#:#/subsystem",
+     .outcome = "exit 1",
+     .log = "Error exclusively acquiring serial port: (Inappropriate ioctl for device)"},
+    {.scenarios = opening,
+     .call = "main ioctl TIOCEXCL /dev/vport#p#",
+     .outcome = "exit 1",
+     .log = "Error exclusively acquiring serial port: (TEXT)"},
+    {.scenarios = opening,
+     .call = "main fcntl F_SETFL /dev/vport#p#",
+     .outcome = "exit 1",
+     .last = 1,
+     .log = "Error clearing O_NONBLOCK (TEXT)"},
+    // Whose device it is. The agent's port is the first in the list of the ports.
+    {opening, "main close /sys/*"},
+    {.scenarios = opening,
+     .call = "main @(openat|newfstatat|getdents64) /sys/class",
+     .outcome = "exit 1",
+     .log = otherEnvironment},
+    {.scenarios = "start-up",
+     .call = "main newfstatat /dev/tty.org.qemu.guest_agent.#",
+     .outcome = "exit 1",
+     .log = otherEnvironment},
+    {opening, "main @(openat|newfstatat) /sys/class/virtio-ports", "done", "any", 1, 1},
+    {.scenarios = opening,
+     .call = "main @(openat|newfstatat) /sys/class/virtio-ports",
+     .outcome = "exit 1",
+     .log = otherEnvironment},
+    {opening, "main @(openat|newfstatat|getdents64) /sys/class/tty"},
+    {.scenarios = opening, .call = "main @(openat|read) /sys/*/tty/*", .sampled = true},
+    {.scenarios = opening, .call = "main readlink /sys/*/tty*", .sampled = true},
+
+    // The threads. Without the one of the log the next entry starts it. That of the power button
+    // is given up; that of the reaper, too, without a word.
+    {"start-up", "main @(clone3|mmap|mprotect)", "done", "any", 1, 1},
+    {.scenarios = "start-up",
+     .call = "main @(clone3|mmap|mprotect)",
+     .first = 2,
+     .last = 2,
+     .log = noButton,
+     .descriptors = -2},
+    {"start-up", "main @(clone3|mmap|mprotect)", "done", "any", 3},
+    {"start-up", "main getrandom"},
+    {"start-up", "reaper *"},
+
+    // The power button. What there are no means for is tried again; what fails otherwise is not
+    // heard.
+    {.scenarios = "start-up", .call = "button inotify_init1", .log = noButton, .descriptors = -2},
+    {"start-up", "button inotify_add_watch *"},
+    {"start-up", "button close *"},
+    {"start-up", "button @(mmap|mprotect|munmap)"},
+    {"start-up", "button poll *", "done", "EINTR"},
+    {.scenarios = "start-up", .call = "button poll *", .log = noButton, .descriptors = -2},
+    {.scenarios = "start-up",
+     .call = "button @(openat|getdents64|newfstatat|ioctl) /dev/input*",
+     .errors = "EIO",
+     .descriptors = -1},
+    {"start-up", "button @(openat|getdents64|newfstatat|ioctl) *"},
+    {"start-up", "button readlink *"},
+
+    // Programs: the agent's side.
+    {"exec capture", "main pipe2", "unable to allocate stdin pipe", "any", 1, 1},
+    {"exec*", "main pipe2", "failed to fork child: TEXT"},
+    {"exec terminal", "main clone process", "failed to fork pty child: TEXT", "any", 1, 1},
+    // The files' descriptors stay open: who destroys the record does not close them.
+    {.scenarios = "exec capture",
+     .call = "main clone process",
+     .outcome = "failed to fork child: TEXT",
+     .descriptors = 2},
+    {"exec*", "main clone process", "failed to fork child: TEXT"},
+    {"exec*", "main poll pipe"},
+    {"exec*", "main close *"},
+    {"exec*", "reaper rt_sigtimedwait"},
+    {"exec", "main openat* /dev/null", "failed to open /dev/null: TEXT"},
+    {"exec capture", "main mkdir /run/corvane", "unable to initialize stdout and stderr paths"},
+    {"exec capture", "main newfstatat /run/corvane",
+     "unable to initialize stdout and stderr paths"},
+    {"exec capture", "main unlink /run/corvane/stdout_#",
+     "failed to open /run/corvane/stdout_#: TEXT", "any", 1, 1},
+    {"exec capture", "main unlink /run/corvane/stderr_#",
+     "failed to open /run/corvane/stderr_#: TEXT", "any", 1, 1},
+    {"exec capture", "main unlink *"},
+    {"exec capture", "main openat-new /run/corvane/stdout_#",
+     "failed to open /run/corvane/stdout_#: TEXT"},
+    {"exec capture", "main openat-new /run/corvane/stderr_#",
+     "failed to open /run/corvane/stderr_#: TEXT"},
+    {"exec capture", "main newfstatat /run/corvane/stdout_#", "out-data \"\""},
+    {"exec capture", "main newfstatat /run/corvane/stderr_#", "err-data \"\""},
+    {"exec capture", "main pread64 /run/corvane/stdout_#", "out-data \"\"", "EIO"},
+    {"exec capture", "main pread64 /run/corvane/stderr_#", "err-data \"\"", "EIO"},
+    {"exec capture", "main pread64 *"},
+    // The program has closed its input, as far as the agent can tell.
+    {"exec capture", "main write pipe", "out-data \"\"", "EPIPE"},
+    {"exec capture", "main write pipe"},
+    // The accounts are the C library's matter, which does not always tell a service that fails from
+    // one that knows nobody.
+    {"exec paths", "main @(openat|read|newfstatat) @(/|/etc/*)",
+     "done | failed to find user 0: TEXT | failed to find group 0: TEXT | user 0 does not exist | "
+     "group 0 does not exist"},
+    {"exec paths", "main @(socket|connect) *"},
+    {"exec paths", "main newfstatat /run/fault.in", "mirel-stdin does not exist"},
+    {"exec paths", "main newfstatat /run/fault.out", "mirel-stdout does not exist"},
+    {"exec paths", "main newfstatat /run/fault.err", "mirel-stderr does not exist"},
+    {"exec paths", "main newfstatat /tmp", "mirel-working-directory /tmp does not exist"},
+    {"exec paths", "main openat /run/fault.in", "failed to open /run/fault.in: TEXT"},
+    {"exec paths", "main openat-new /run/fault.out", "failed to open /run/fault.out: TEXT"},
+    {"exec paths", "main openat-new /run/fault.err", "failed to open /run/fault.err: TEXT"},
+    {"exec @(vsock|terminal)", "main socket AF_VSOCK", "failed to create vsock socket: TEXT"},
+    {"exec @(vsock|terminal)", "main poll socket", "done", "EINTR"},
+    {"exec @(vsock|terminal)", "main @(connect|getsockopt|poll|fcntl F_SETFL) socket",
+     "failed to to connect to 'vsock://2:#': TEXT"},
+    {"exec terminal", "main openat /dev/ptmx", "done", "EINTR"},
+    {"exec terminal", "main openat /dev/ptmx", "failed to openpty: TEXT"},
+    {"exec terminal", "main ioctl TIOCSPTLCK *", "failed to openpty: TEXT"},
+    {"exec terminal", "main ioctl *", "done", "EINTR"},
+    {"exec terminal", "main ioctl *", "failed to openpty: TEXT"},
+
+    // Programs: the child on its way.
+    {"exec*", "child close_range"},
+    {"exec*", "child ioctl TIOCSCTTY *"},
+    {"exec*", "child @(chdir|execve|setuid)*", "exitcode 255"},
+
+    // The relay of a terminal: when it ends, so does the connection, and the program's terminal.
+    {"exec terminal", "relay close*"},
+    {"exec terminal", "relay @(mmap|fcntl F_SETFL *)", "vsock connection ended"},
+    {"exec terminal", "relay poll pipe"},
+    {"exec terminal", "relay poll *", "done", "EINTR"},
+    {"exec terminal", "relay poll *", "vsock connection ended"},
+    {"exec terminal", "relay @(read|write) *", "done", "EAGAIN EINTR short"},
+    {"exec terminal", "relay @(read|write) *", "vsock connection ended"},
+
+    // Files.
+    {"@(file|transfer*)", "main openat*", "invalid path or mode"},
+    {"file", "main newfstatat *"},
+    {"file", "main write *", "done", "short"},
+    {"file", "main write *", "fflush error ERRNO"},
+    {"file", "main read *", "done", "short"},
+    {"file", "main read *", "fread error ERRNO"},
+    {"@(file|transfer*)", "main close /run/fault.file", "fclose error ERRNO"},
+    {"transfer*", "main socket AF_VSOCK", "failed to create vsock socket with error: TEXT"},
+    {"transfer*", "main getsockopt socket", "failed to get socket buffer size with error: TEXT",
+     "any", 1, 1},
+    {"transfer*", "main poll socket", "done", "EINTR"},
+    {"transfer*", "main @(connect|getsockopt|poll|fcntl F_SETFL) socket",
+     "failed to connect to 2:#: with error: TEXT"},
+    {"transfer*", "main close socket", "failed to close socket with error: TEXT"},
+    // A source that fails counts as one that ends.
+    {"transfer*", "main read *", "done", "short"},
+    {"transfer*", "main read *", "count 0", "any", 1, 1},
+    {"transfer*", "main read *"},
+    {"transfer*", "main write *", "write error: Success", "short"},
+    {"transfer*", "main write *", "write error: TEXT"},
+
+    // The machine.
+    {"interfaces", "main close *"},
+    {"interfaces", "main @(socket|bind|getsockname|sendto|recvmsg) *", "getifaddrs error ERRNO"},
+    {"info", "main close *"},
+    // What cannot be made at the moment is not listed.
+    {"info", "main socket AF_VSOCK", "17 commands"},
+    {"info", "main faccessat2 *"},
+};
+
+bool fits(std::string_view pattern, const std::string& text) {
+    return ::fnmatch(std::string(pattern).c_str(), text.c_str(), FNM_EXTMATCH) == 0;
+}
+
+bool hasWord(std::string_view words, const std::string& word) {
+    return (' ' + std::string(words) + ' ').find(' ' + word + ' ') != std::string::npos;
+}
+
+void replaceWord(std::string& text, const std::string& word, const std::string& replacement) {
+    if (const auto place = text.find(word); place != std::string::npos) {
+        text.replace(place, word.size(), replacement);
+    }
+}
+
+}  // namespace
+
+std::span<const FaultRule> faultRules() {
+    return rules;
+}
+
+const FaultRule* findRule(const std::string& scenario, const std::string& call, unsigned occurrence,
+                          const std::string& error) {
+    const auto found = std::find_if(rules.begin(), rules.end(), [&](const FaultRule& rule) {
+        return (rule.errors == "any" || hasWord(rule.errors, error)) && rule.first <= occurrence &&
+               occurrence <= rule.last && fits(rule.call, call) && fits(rule.scenarios, scenario);
+    });
+    return found == rules.end() ? nullptr : &*found;
+}
+
+std::string ruleTable() {
+    const auto cell = [](std::string_view text) {
+        std::string made;
+        for (const char byte : text) {
+            made += byte == '|' ? "\\|" : std::string(1, byte);
+        }
+        return made + " | ";
+    };
+    std::string table =
+        "| scenario | call | errors | comes out as | further |\n|---|---|---|---|---|\n";
+    for (const FaultRule& rule : rules) {
+        std::string which(rule.errors);
+        if (rule.first != 1 || rule.last != ~0U) {
+            which += ", of call " + std::to_string(rule.first);
+            which += rule.last == ~0U ? " and later" : "";
+        }
+        std::string further(rule.log.empty() ? "" : "log: " + std::string(rule.log));
+        if (rule.descriptors != 0) {
+            further += (further.empty() ? "" : "; ") + std::to_string(rule.descriptors) +
+                       " descriptors, for good";
+        }
+        table += "| " + cell(rule.scenarios) + "`" + cell(std::string(rule.call) + "`") +
+                 cell(which) + cell(rule.outcome) + cell(further);
+        table.back() = '\n';
+    }
+    return table;
+}
+
+std::string filledIn(std::string_view text, int error) {
+    std::string filled(text);
+    replaceWord(filled, "TEXT", std::strerror(error));
+    replaceWord(filled, "ERRNO", std::to_string(error));
+    return filled;
+}
+
+}  // namespace corvane::vm
