@@ -13,11 +13,17 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/linux/interrupted_call.h"
 #include "platform/linux/small_file.h"
 
 namespace corvane {
 
 namespace {
+
+/// evdev waits for its device's lock, which a signal interrupts.
+int ask(int descriptor, unsigned long request, void* answer) {
+    return untilUninterrupted([&] { return ::ioctl(descriptor, request, answer); });
+}
 
 /// A set of bits as the kernel hands it out: in words of a long.
 template <std::size_t highest>
@@ -25,7 +31,7 @@ class BitSet {
  public:
     /// The codes of `type` that the device can send; for type 0 the types. Empty when it refuses.
     BitSet(int descriptor, unsigned type) {
-        static_cast<void>(::ioctl(descriptor, EVIOCGBIT(type, sizeof words_), words_.data()));
+        static_cast<void>(ask(descriptor, EVIOCGBIT(type, sizeof words_), words_.data()));
     }
     [[nodiscard]] bool has(std::size_t bit) const {
         return ((words_[bit / bitsPerWord] >> (bit % bitsPerWord)) & 1UL) != 0;
@@ -39,7 +45,7 @@ class BitSet {
 std::string physOf(int descriptor) {
     std::array<char, 256> text{};
     // A device may have none. The last byte stays zero whatever comes.
-    static_cast<void>(::ioctl(descriptor, EVIOCGPHYS(sizeof text - 1), text.data()));
+    static_cast<void>(ask(descriptor, EVIOCGPHYS(sizeof text - 1), text.data()));
     return text.data();
 }
 
@@ -76,7 +82,7 @@ bool addHidParent(InputDescription& description, int descriptor, const std::stri
 
 std::optional<InputDescription> describeInputDevice(int descriptor, const std::string& sysRoot) {
     input_id id{};
-    if (::ioctl(descriptor, EVIOCGID, &id) < 0) {
+    if (ask(descriptor, EVIOCGID, &id) < 0) {
         return std::nullopt;
     }
     const BitSet<EV_MAX> types(descriptor, 0);

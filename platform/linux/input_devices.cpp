@@ -29,6 +29,12 @@ bool isEventDevice(std::string_view name) {
            name.find_first_not_of("0123456789", prefix.size()) == std::string_view::npos;
 }
 
+/// Whether a call that failed so may succeed in a while. A node that has gone, or that is not ours,
+/// is told of when that changes.
+bool isPassing(int error) {
+    return error == EINTR || error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
 bool isSameTime(const timespec& one, const timespec& other) {
     return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
@@ -40,28 +46,33 @@ InputDevices::InputDevices(Describe describe, std::uint32_t usagePage)
     polled_.reserve(callersDescriptors);
 }
 
-void InputDevices::scan(const std::string& folder) {
+bool InputDevices::scan(const std::string& folder) {
     try {
-        scanOrThrow(folder);
+        return scanOrThrow(folder);
     } catch (const std::bad_alloc&) {
         // A request may have taken all there is for a moment. The devices at hand are kept.
+        return false;
     }
 }
 
-void InputDevices::scanOrThrow(const std::string& folder) {
+bool InputDevices::scanOrThrow(const std::string& folder) {
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(::opendir(folder.c_str()), &::closedir);
     if (!entries) {
-        return;
+        return !isPassing(errno);
     }
     for (Device& device : devices_) {
         device.isListed = false;
     }
+    bool complete = true;
     while (const dirent* entry = ::readdir(entries.get())) {
         if (isEventDevice(entry->d_name)) {
-            consider(folder + "/" + entry->d_name);
+            complete = consider(folder + "/" + entry->d_name) && complete;
         }
+        errno = 0;
     }
+    complete = complete && !isPassing(errno);
     std::erase_if(devices_, [](const Device& device) { return !device.isListed; });
+    return complete;
 }
 
 InputDevices::Device* InputDevices::find(const struct stat& status) {
@@ -72,10 +83,11 @@ InputDevices::Device* InputDevices::find(const struct stat& status) {
     return found == devices_.end() ? nullptr : &*found;
 }
 
-void InputDevices::consider(const std::string& path) {
+/// False as `scan`.
+bool InputDevices::consider(const std::string& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0) {
-        return;
+        return !isPassing(errno);
     }
     Device* known = find(status);
     // The number of a node that was removed may come again. One that is open cannot be that; of one
@@ -83,17 +95,17 @@ void InputDevices::consider(const std::string& path) {
     if (known != nullptr &&
         (!known->events.empty() || isSameTime(known->changed, status.st_ctim))) {
         known->isListed = true;
-        return;
+        return true;
     }
     Device device;
     device.events =
         DescriptorGuard(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (device.events.empty() || ::fstat(device.events.borrow(), &status) != 0) {
-        return;
+        return !isPassing(errno);
     }
     const std::optional<InputDescription> description = describe_(device.events.borrow());
     if (!description) {
-        return;
+        return true;
     }
     const KeySource source = keySourceOf(*description, usagePage_);
     if (source == KeySource::none) {
@@ -110,6 +122,7 @@ void InputDevices::consider(const std::string& path) {
         polled_.reserve(callersDescriptors + devices_.size() + 1);
         devices_.push_back(std::move(device));
     }
+    return true;
 }
 
 std::span<pollfd> InputDevices::polled(int first, int second) {

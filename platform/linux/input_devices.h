@@ -31,7 +31,10 @@ class InputDevices {
     /// cannot be opened or described is left out and tried again the next time; so is what there is
     /// no memory for. A folder that cannot be read changes nothing: the devices of one that has
     /// been removed go by themselves.
-    void scan(const std::string& folder);
+    ///
+    /// False when something was left out for want of memory or descriptors, or since a signal came
+    /// in between: another try in a while may find it.
+    [[nodiscard]] bool scan(const std::string& folder);
 
     /// What poll(2) is to wait for: two descriptors of the caller's, -1 for none, then the open
     /// devices. Valid until the next call of any kind but `read`.
@@ -52,8 +55,8 @@ class InputDevices {
         KeyReport report{KeySource::none};
     };
 
-    void scanOrThrow(const std::string& folder);
-    void consider(const std::string& path);
+    bool scanOrThrow(const std::string& folder);
+    bool consider(const std::string& path);
     Device* find(const struct stat& status);
     bool readDevice(Device& device, short answer, const HidEvents::Handler& handler) const;
 

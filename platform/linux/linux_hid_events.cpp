@@ -10,6 +10,13 @@
 
 namespace corvane {
 
+namespace {
+
+/// After so long, what could not be looked at for want of something is looked at again.
+constexpr int retryMilliseconds = 1000;
+
+}  // namespace
+
 LinuxHidEvents::LinuxHidEvents(std::string deviceRoot, InputDevices::Describe describe,
                                int stopDescriptor)
     : deviceRoot_(std::move(deviceRoot)),
@@ -22,10 +29,13 @@ bool LinuxHidEvents::deliver(std::uint32_t primaryUsagePage, const Handler& hand
     if (!folder.watch()) {
         return false;
     }
-    devices.scan(folder.path());
+    bool complete = devices.scan(folder.path());
     for (;;) {
         const std::span<pollfd> waited = devices.polled(stopDescriptor_, folder.descriptor());
-        if (untilUninterrupted([waited] { return ::poll(waited.data(), waited.size(), -1); }) < 0) {
+        const int limit = complete ? -1 : retryMilliseconds;
+        const int ready = untilUninterrupted(
+            [waited, limit] { return ::poll(waited.data(), waited.size(), limit); });
+        if (ready < 0) {
             return false;
         }
         if (waited[0].revents != 0) {
@@ -33,9 +43,9 @@ bool LinuxHidEvents::deliver(std::uint32_t primaryUsagePage, const Handler& hand
         }
         // Which devices have gone comes first: another may have come in the place of one.
         devices.read(handler);
-        if (waited[1].revents != 0 && folder.takeNotices()) {
+        if (ready == 0 || (waited[1].revents != 0 && folder.takeNotices())) {
             folder.watch();
-            devices.scan(folder.path());
+            complete = devices.scan(folder.path());
         }
     }
 }
