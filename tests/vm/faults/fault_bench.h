@@ -24,7 +24,7 @@ struct Deviation : std::runtime_error {
 };
 
 /// How long anything may take before it is called a hang.
-inline constexpr Limit faultPatience = std::chrono::seconds(20);
+inline constexpr Limit faultPatience = hangLimit;
 
 inline constexpr std::string_view noAnswer = "no answer";
 inline constexpr std::string_view connectionEnded = "The connection has ended.";

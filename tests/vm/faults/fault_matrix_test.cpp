@@ -228,7 +228,8 @@ class FaultMatrix : public GuestTest, public ::testing::WithParamInterface<Scena
                 << planned << ": " << outcome << ", not " << expected;
             if (!planned.rule->log.empty()) {
                 const std::string line = filledIn(planned.rule->log, planned.fault.error);
-                EXPECT_NO_THROW(bench().machine().log().await(line, start, patience)) << planned;
+                EXPECT_NO_THROW(bench().machine().log().await(line, start, faultPatience))
+                    << planned;
             }
         }
         if (healthy) {
@@ -242,8 +243,10 @@ class FaultMatrix : public GuestTest, public ::testing::WithParamInterface<Scena
 };
 
 TEST_P(FaultMatrix, EachSystemCallThatFailsOnceIsBorne) {
+    const std::vector<PlannedFault> faults = plan();
+    // By now the start of the agent is over, and the device of the power button is open.
     descriptors_ = bench().tracer().report().descriptors;
-    for (const PlannedFault& planned : plan()) {
+    for (const PlannedFault& planned : faults) {
         tryFault(planned);
     }
 }

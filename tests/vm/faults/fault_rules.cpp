@@ -177,6 +177,8 @@ const std::vector<FaultRule> rules = {
     // Programs: the child on its way.
     {"exec*", "child close_range"},
     {"exec*", "child ioctl TIOCSCTTY *"},
+    // The terminal hangs up, and the relay with it.
+    {"exec terminal", "child execve *", "vsock connection ended"},
     {"exec*", "child @(chdir|execve|setuid)*", "exitcode 255"},
 
     // The relay of a terminal: when it ends, so does the connection, and the program's terminal.
@@ -228,7 +230,8 @@ bool hasWord(std::string_view words, const std::string& word) {
 }
 
 void replaceWord(std::string& text, const std::string& word, const std::string& replacement) {
-    if (const auto place = text.find(word); place != std::string::npos) {
+    for (auto place = text.find(word); place != std::string::npos;
+         place = text.find(word, place + replacement.size())) {
         text.replace(place, word.size(), replacement);
     }
 }

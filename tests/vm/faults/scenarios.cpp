@@ -157,8 +157,8 @@ void execOnVsock(FaultBench& bench) {
     bench.peer().send("through and back");
     bench.peer().finishSending();
     const std::string back = bench.peer().receiveAll();
-    expect(back == "through and back", "echo \"" + back + "\"");
     program.end();
+    expect(back == "through and back", "echo \"" + back + "\"");
 }
 
 void execOnTerminal(FaultBench& bench) {
