@@ -37,6 +37,11 @@ namespace {
 constexpr std::string_view startRequest =
     R"({"execute":"guest-exec","arguments":{"path":")" DO_NOTHING_PATH "\"}}\n";
 
+/// Starts what a person would, beside ssh: see everyday_bench.cpp.
+constexpr std::string_view startTrueRequest =
+    R"({"execute":"guest-exec","arguments":{"path":"/bin/true"}})"
+    "\n";
+
 std::string pidOf(std::string_view startAnswer) {
     const auto digits = startAnswer.find_first_of("0123456789");
     const auto end = startAnswer.find_first_not_of("0123456789", digits);
@@ -53,8 +58,8 @@ void awaitEnd(const std::string& pid) {
     }
 }
 
-void startAndAwait(int agent) {
-    sendAll(agent, startRequest);
+void startAndAwait(int agent, std::string_view start) {
+    sendAll(agent, start);
     const std::string pid = pidOf(receiveLine(agent));
     awaitEnd(pid);
     const std::string request =
@@ -90,9 +95,16 @@ void startFromAgent(benchmark::State& state) {
     const auto resident = residentMegabytes(state.range(0));
     const AgentOnSocket agent;
     for (auto _ : state) {
-        startAndAwait(agent.hostEnd());
+        startAndAwait(agent.hostEnd(), startRequest);
     }
     benchmark::DoNotOptimize(resident.data());
+}
+
+void startTrue(benchmark::State& state) {
+    const AgentOnSocket agent;
+    for (auto _ : state) {
+        startAndAwait(agent.hostEnd(), startTrueRequest);
+    }
 }
 
 void startByFork(benchmark::State& state) {
@@ -106,6 +118,7 @@ void startByFork(benchmark::State& state) {
 
 BENCHMARK(startFromAgent)->Name("exec/agent")->Arg(0)->UseRealTime();
 BENCHMARK(startByFork)->Name("exec/bare_fork")->Arg(0)->UseRealTime();
+BENCHMARK(startTrue)->Name("exec/agent_true")->UseRealTime();
 BENCHMARK(startFromAgent)->Name("exec/agent_10MB")->Arg(10)->UseRealTime();
 BENCHMARK(startFromAgent)->Name("exec/agent_512MB")->Arg(512)->UseRealTime();
 BENCHMARK(startByFork)->Name("exec/bare_fork_10MB")->Arg(10)->UseRealTime();

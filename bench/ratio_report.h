@@ -6,33 +6,34 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/ratio_table.h"
+
 namespace corvane {
 
-/// A time in relation to another of the same run, and how it should be.
-struct Ratio {
-    enum class Target { atMost, atLeast };
-
-    std::string what;
-    std::string numerator;    ///< name of a benchmark
-    std::string denominator;  ///< name of a benchmark
-    Target target;
-    double limit;  ///< 0 for a ratio that is only shown
-};
-
-/// Prints each benchmark as usual and remembers the times of all repetitions.
+/// Prints each benchmark as usual and remembers the times of all repetitions: those of a run or,
+/// where a benchmark counts bytes, those of a byte, so that amounts need not be the same.
 class RatioReporter final : public benchmark::ConsoleReporter {
  public:
     void ReportRuns(const std::vector<Run>& runs) override;
 
-    /// The ratio of each pair of repetitions, in ascending order. Empty when one did not run.
-    [[nodiscard]] std::vector<double> ratios(const Ratio& ratio) const;
+    /// Adds the ratio to the table, of each pair of repetitions; not when one of the two did not
+    /// run.
+    void addTo(RatioTable& table, const Ratio& ratio) const;
+
+    /// The benchmarks that could not run, each with its reason.
+    [[nodiscard]] const std::map<std::string, std::string>& failures() const noexcept {
+        return failures_;
+    }
 
  private:
-    std::map<std::string, std::vector<double>> times_;
-};
+    struct Times {
+        std::vector<double> seconds;
+        bool ofByte = false;
+    };
+    static std::string shown(const Times& times);
 
-/// Prints a line for the ratio, with the spread of `values`. Returns how far the median is from the
-/// target: up to 1 meets it, 2 misses it by as much again, 0 is without a target.
-double printRatio(const Ratio& ratio, const std::vector<double>& values);
+    std::map<std::string, Times> times_;
+    std::map<std::string, std::string> failures_;
+};
 
 }  // namespace corvane
