@@ -10,13 +10,14 @@
 #include "tests/fakes/failing_allocations.h"
 
 extern "C" {
-// NOLINTBEGIN(bugprone-reserved-identifier): the names under which glibc keeps its own.
+// NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming): glibc's own, by the
+// names under which it keeps them.
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* memory, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
 void __libc_free(void* memory);
-// NOLINTEND(bugprone-reserved-identifier)
+// NOLINTEND(bugprone-reserved-identifier, readability-identifier-naming)
 }
 
 namespace corvane {
@@ -63,6 +64,7 @@ long liveAllocations() noexcept {
 
 }  // namespace corvane
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): glibc's are reserved names.
 extern "C" {
 
 void* malloc(std::size_t size) {
@@ -100,3 +102,4 @@ void free(void* memory) {
     __libc_free(memory);
 }
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -86,7 +86,7 @@ class CommandWithoutMemory : public testing::Test {
         ::alarm(hangLimit);
         useCommandTable(allCommands);
         std::ofstream(path("file")) << "some content";
-        std::ofstream(path("out"));
+        std::ofstream(path("out")) << "";
         // The services notice what they are asked, which must not be what fails.
         fakes_.vsockSockets.createError = 0;
         fakes_.remoteLogin.available = true;
@@ -137,7 +137,7 @@ class CommandWithoutMemory : public testing::Test {
 
     /// Starts a program and waits for its end, which stays to be asked for.
     std::string endedProgram(const std::string& arguments) {
-        const std::string pid = numberIn(answerTo(request("guest-exec", arguments)));
+        std::string pid = numberIn(answerTo(request("guest-exec", arguments)));
         awaitChildren();
         return pid;
     }
@@ -342,7 +342,7 @@ TEST_F(CommandWithoutMemory, ProgramIsStartedAndToldOrNotStarted) {
 }
 
 TEST_F(CommandWithoutMemory, ProgramOnATerminalLeavesNoRelayBehind) {
-    const std::string line = request(
+    std::string line = request(
         "guest-exec", R"({"path":"/bin/true","mirel-vsock-stdio":"vsock://2:1234",)"
                       R"("mirel-window-size":{"rows":24,"columns":80},"mirel-termios":)"
                       R"({"iflag":0,"oflag":0,"cflag":0,"lflag":0,"ispeed":9600,"ospeed":9600}})");

@@ -14,11 +14,11 @@ struct Refusal {
     std::vector<std::string> words;
     /// What the agent gets: the name of a command, and the members of the request behind it.
     std::string command;
-    std::string arguments = "";
+    std::string arguments = {};
     /// What virsh writes before it says that the agent does not know the command.
-    std::string remark = "";
+    std::string remark = {};
     /// What it writes instead, when not empty.
-    std::string wholeError = "";
+    std::string wholeError = {};
 };
 
 void PrintTo(const Refusal& refusal, std::ostream* out) {

@@ -16,7 +16,6 @@
 namespace corvane::vm {
 namespace {
 
-constexpr Limit patience = std::chrono::seconds(20);
 constexpr char printState[] = "fault-tracer state | grep -E 'descriptors|children'";
 /// Of each call so many are made to fail, and the last one.
 constexpr unsigned occurrencesFromTheFirst = 4;

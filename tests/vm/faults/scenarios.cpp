@@ -28,7 +28,7 @@ object shell(const char* command) {
 /// The answer that tells of a program's end, with the exit code that was expected.
 value endOf(FaultBench& bench, const value& pid, int exitCode = 0) {
     bench.awaitEndOf(pid.to_number<pid_t>());
-    const value result = bench.ask("guest-exec-status", {{"pid", pid}});
+    value result = bench.ask("guest-exec-status", {{"pid", pid}});
     expect(result.at("exited").as_bool(), "not exited");
     const value& code = result.at("exitcode");
     expect(code == exitCode, "exitcode " + std::to_string(code.to_number<int>()));
