@@ -9,8 +9,9 @@ namespace corvane {
 
 namespace {
 
-long succeedingLeft = 0;
-long failingLeft = 0;
+// Other threads of a process under test are left alone.
+thread_local long succeedingLeft = 0;
+thread_local long failingLeft = 0;
 std::atomic<long> live = 0;
 
 bool allocationFails() noexcept {
