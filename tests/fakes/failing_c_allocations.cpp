@@ -2,12 +2,12 @@
 // library itself allocates. See malloc(3) and "Replacing malloc" in glibc's manual.
 
 #include <errno.h>
+#include <malloc.h>
 
-#include <atomic>
 #include <cstddef>
-#include <utility>
+#include <cstdlib>
 
-#include "tests/fakes/failing_allocations.h"
+#include "tests/fakes/allocation_plan.h"
 
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier, readability-identifier-naming): glibc's own, by the
@@ -20,59 +20,16 @@ void __libc_free(void* memory);
 // NOLINTEND(bugprone-reserved-identifier, readability-identifier-naming)
 }
 
-namespace corvane {
-
-namespace {
-
-// Other threads of a process under test are left alone.
-thread_local long succeedingLeft = 0;
-thread_local long failingLeft = 0;
-std::atomic<long> live = 0;
-
-bool allocationFails() noexcept {
-    if (failingLeft == 0) {
-        return false;
-    }
-    if (succeedingLeft > 0) {
-        --succeedingLeft;
-        return false;
-    }
-    --failingLeft;
-    errno = ENOMEM;
-    return true;
-}
-
-void* counted(void* memory) noexcept {
-    live += memory != nullptr ? 1 : 0;
-    return memory;
-}
-
-}  // namespace
-
-void failAllocations(long succeeding, long failing) noexcept {
-    succeedingLeft = succeeding;
-    failingLeft = failing;
-}
-
-long stopFailingAllocations() noexcept {
-    return std::exchange(failingLeft, 0);
-}
-
-long liveAllocations() noexcept {
-    return live;
-}
-
-}  // namespace corvane
-
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): glibc's are reserved names.
 extern "C" {
 
 void* malloc(std::size_t size) {
-    return corvane::allocationFails() ? nullptr : corvane::counted(__libc_malloc(size));
+    return corvane::allocationFails() ? nullptr : corvane::countAllocated(__libc_malloc(size));
 }
 
 void* calloc(std::size_t count, std::size_t size) {
-    return corvane::allocationFails() ? nullptr : corvane::counted(__libc_calloc(count, size));
+    return corvane::allocationFails() ? nullptr
+                                      : corvane::countAllocated(__libc_calloc(count, size));
 }
 
 void* realloc(void* memory, std::size_t size) {
@@ -80,12 +37,12 @@ void* realloc(void* memory, std::size_t size) {
         return nullptr;
     }
     void* const moved = __libc_realloc(memory, size);
-    return memory == nullptr ? corvane::counted(moved) : moved;
+    return memory == nullptr ? corvane::countAllocated(moved) : moved;
 }
 
 void* memalign(std::size_t alignment, std::size_t size) {
     return corvane::allocationFails() ? nullptr
-                                      : corvane::counted(__libc_memalign(alignment, size));
+                                      : corvane::countAllocated(__libc_memalign(alignment, size));
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
@@ -98,7 +55,7 @@ int posix_memalign(void** memory, std::size_t alignment, std::size_t size) {
 }
 
 void free(void* memory) {
-    corvane::live -= memory != nullptr ? 1 : 0;
+    corvane::countFreed(memory);
     __libc_free(memory);
 }
 }
