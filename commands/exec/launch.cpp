@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -89,10 +90,29 @@ ProcessTable::node_type makeEntry(bool captureOutput, const Streams& streams) {
     return made.extract(made.begin());
 }
 
+/// When memory runs out on the way to the program, its capture files go again: their number is not
+/// used again, and no record will tell of them.
+class FilesUntilRecorded {
+ public:
+    explicit FilesUntilRecorded(const Streams& streams) noexcept : streams_(streams) {}
+    FilesUntilRecorded(const FilesUntilRecorded&) = delete;
+    FilesUntilRecorded& operator=(const FilesUntilRecorded&) = delete;
+    ~FilesUntilRecorded() {
+        if (std::uncaught_exceptions() > 0 && !streams_.outPath.empty()) {
+            ::unlink(streams_.outPath.c_str());
+            ::unlink(streams_.errPath.c_str());
+        }
+    }
+
+ private:
+    const Streams& streams_;
+};
+
 }  // namespace
 
 JsonValue launch(ExecRequest request) {
     Streams streams;
+    const FilesUntilRecorded files(streams);
     if (auto reason = openStreams(request, streams)) {
         return failure(std::move(*reason));
     }

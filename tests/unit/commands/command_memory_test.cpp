@@ -1,267 +1,27 @@
-// Every command, by way of the read loop and on the guest's own services where that does no harm,
-// with each allocation failing in turn that the request makes.
+// Every command, with each allocation failing in turn that the request makes.
 
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
+#include <ctime>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "commands/all_commands.h"
 #include "commands/exec/process_table.h"
-#include "commands/exec/reaper.h"
 #include "commands/files/file_handle_table.h"
-#include "core/command_table.h"
 #include "core/read_loop.h"
-#include "platform/linux/linux_accounts.h"
-#include "platform/linux/linux_file_streams.h"
-#include "platform/linux/linux_network_interfaces.h"
-#include "platform/linux/linux_private_directory.h"
-#include "platform/linux/linux_terminals.h"
-#include "platform/platform.h"
-#include "tests/fakes/allocation_free_services.h"
 #include "tests/fakes/child_process.h"
-#include "tests/fakes/descriptor_count.h"
 #include "tests/fakes/failing_allocations.h"
-#include "tests/fakes/fake_platform.h"
+#include "tests/unit/commands/command_memory_fixture.h"
 
 namespace corvane {
 namespace {
-
-constexpr unsigned hangLimit = 300;  // seconds, and no test comes near it
-
-const std::string success = "{\"return\":{}}\n";
-const std::string outOfMemoryAnswer = R"({"error":{"class":"GenericError","desc":"out of memory"}})"
-                                      "\n";
-
-std::string errorAnswer(const std::string& description) {
-    return R"({"error":{"class":"GenericError","desc":")" + description + "\"}}\n";
-}
-
-std::string request(const std::string& command, const std::string& arguments) {
-    return R"({"execute":")" + command + R"(","arguments":)" + arguments + "}";
-}
-
-/// Each run of digits as one: process ids, handles and times differ from run to run.
-std::string withoutNumbers(const std::string& text) {
-    std::string made;
-    for (const char letter : text) {
-        const bool isDigit = std::isdigit(static_cast<unsigned char>(letter)) != 0;
-        if (!isDigit) {
-            made += letter;
-        } else if (!made.ends_with('#')) {
-            made += '#';
-        }
-    }
-    return made;
-}
-
-std::string numberIn(const std::string& answer) {
-    const auto start = answer.find_first_of("0123456789");
-    return answer.substr(start, answer.find_first_not_of("0123456789", start) - start);
-}
-
-class CommandWithoutMemory : public testing::Test {
- protected:
-    CommandWithoutMemory() {
-        std::string name = std::filesystem::temp_directory_path() / "corvane-test-XXXXXX";
-        directory_ = ::mkdtemp(name.data());
-    }
-    ~CommandWithoutMemory() override { std::filesystem::remove_all(directory_); }
-
-    void SetUp() override {
-        ::alarm(hangLimit);
-        useCommandTable(allCommands);
-        std::ofstream(path("file")) << "some content";
-        std::ofstream(path("out")) << "";
-        // The services notice what they are asked, which must not be what fails.
-        fakes_.vsockSockets.createError = 0;
-        fakes_.remoteLogin.available = true;
-        descriptors_ = countDescriptors();
-    }
-    void TearDown() override {
-        stopFailingAllocations();
-        useCommandTable({});
-        ::alarm(0);
-    }
-
-    [[nodiscard]] std::string path(const std::string& name) const {
-        return directory_ + "/" + name;
-    }
-    [[nodiscard]] std::string captureDirectory() const { return path("captured"); }
-
-    struct Outcome {
-        bool reached = false;  ///< there was such an allocation
-        std::string answer;
-    };
-
-    /// Sends a line while one allocation fails, and a ping afterwards, which must be answered.
-    Outcome run(const std::string& line, long allocation) {
-        device_.pieces = {line + "\n", "{\"execute\":\"guest-ping\"}\n"};
-        device_.next = 0;
-        device_.sent.clear();
-        Outcome outcome;
-        {
-            ReadLoop loop;
-            failAllocations(allocation, 1);
-            loop.pass();
-            outcome.reached = stopFailingAllocations() == 0;
-            outcome.answer = device_.sent;
-            device_.sent.clear();
-            loop.pass();
-        }
-        EXPECT_EQ(device_.sent, success) << allocation << ": " << line;
-        device_.pieces.clear();
-        return outcome;
-    }
-
-    std::string answerTo(const std::string& line) { return run(line, never).answer; }
-
-    std::string openFile(const std::string& name, const std::string& mode) {
-        return numberIn(answerTo(
-            request("guest-file-open", R"({"path":")" + name + R"(","mode":")" + mode + "\"}")));
-    }
-
-    /// Starts a program and waits for its end, which stays to be asked for.
-    std::string endedProgram(const std::string& arguments) {
-        std::string pid = numberIn(answerTo(request("guest-exec", arguments)));
-        awaitChildren();
-        return pid;
-    }
-
-    /// What a request does, and what else may be said of it than what is said with memory, and
-    /// "out of memory".
-    struct Subject {
-        /// Prepares what is needed, with memory, and makes the request.
-        std::function<std::string()> request;
-        std::vector<std::string> failures = {};
-        /// Looks at what it has come to. Told whether it was answered as with memory.
-        std::function<void(bool done)> check = [](bool) {};
-    };
-
-    /// Fails each allocation once. The state of the agent must be consistent after each. All of
-    /// that is done twice, after which no more memory may be in use than after the first time: the
-    /// C library keeps some.
-    void expectConsistency(const std::string& name, const Subject& subject) {
-        SCOPED_TRACE(name);
-        const std::string regular = withoutNumbers(tryOnce(subject, never, "").answer);
-        const long count = failEach(subject, regular);
-        const long live = liveAllocations();
-        failEach(subject, regular);
-        EXPECT_EQ(liveAllocations(), live) << "memory that is not given back";
-        EXPECT_GE(count, 3) << "the request itself is allocated";
-        counts_ += count;
-    }
-
-    FakePlatform fakes_;
-    QuietLog log_;
-    PiecewiseDevice device_;
-    long counts_ = 0;  ///< of all allocations that have failed
-
-    static constexpr long never = 1'000'000'000;
-
- private:
-    /// Returns how many allocations there are. The last try is one without a failure.
-    long failEach(const Subject& subject, const std::string& regular) {
-        long count = 0;
-        while (tryOnce(subject, count, regular).reached) {
-            ++count;
-        }
-        return count;
-    }
-
-    Outcome tryOnce(const Subject& subject, long allocation, const std::string& regular) {
-        const std::string line = subject.request();
-        Outcome outcome = run(line, allocation);
-        const bool done = withoutNumbers(outcome.answer) == regular;
-        const std::string plain =
-            outcome.answer.starts_with('\xFF') ? outcome.answer.substr(1) : outcome.answer;
-        const bool told =
-            done || plain == outOfMemoryAnswer || std::ranges::count(subject.failures, plain) > 0;
-        EXPECT_TRUE(regular.empty() || told)
-            << "allocation " << allocation << ": " << outcome.answer;
-        EXPECT_TRUE(done || outcome.reached || regular.empty()) << outcome.answer;
-        if (!regular.empty()) {
-            SCOPED_TRACE("allocation " + std::to_string(allocation) + ": " + outcome.answer);
-            subject.check(done);
-        }
-        cleanUp();
-        return outcome;
-    }
-
-    /// Waits for the end of all children, and reaps them as the agent does.
-    static void awaitChildren() {
-        siginfo_t info{};
-        while (::waitid(P_ALL, 0, &info, WEXITED | WNOWAIT) == 0) {
-            drainEndedChildren();
-        }
-    }
-
-    /// Takes away what a request may have left, which must be what the tables say.
-    void cleanUp() {
-        fakes_.vsockSockets.hostEnds.clear();
-        fakes_.vsockSockets.connections.clear();
-        fakes_.vsockSockets.nextSocket.closeNow();
-        fakes_.remoteLogin.switched.clear();
-        fakes_.clock.attempts.clear();
-        awaitChildren();
-        for (const auto& [key, stream] : fileHandleTable) {
-            std::fclose(stream);
-        }
-        fileHandleTable.clear();
-        for (const auto& [pid, record] : processTable) {
-            if (record && record->captureOutput) {
-                ::close(record->outFd);
-                ::close(record->errFd);
-                EXPECT_TRUE(std::filesystem::remove(record->outPath));
-                EXPECT_TRUE(std::filesystem::remove(record->errPath));
-            }
-            EXPECT_TRUE(!record || !record->running);
-        }
-        processTable.clear();
-        EXPECT_EQ(countDescriptors(), descriptors_);
-        EXPECT_TRUE(!std::filesystem::exists(captureDirectory()) ||
-                    std::filesystem::is_empty(captureDirectory()));
-    }
-
-    std::string directory_;
-    std::size_t descriptors_ = 0;
-    LinuxAccounts accounts_;
-    LinuxPrivateDirectory privateDirectory_{captureDirectory()};
-    LinuxTerminals terminals_;
-    LinuxFileStreams fileStreams_;
-    LinuxNetworkInterfaces networkInterfaces_;
-    Platform services_{log_,
-                       fakes_.firmware,
-                       fakes_.serialDevices,
-                       fakes_.hypervisor,
-                       device_,
-                       fakes_.vsockSockets,
-                       fakes_.remoteLogin,
-                       accounts_,
-                       privateDirectory_,
-                       terminals_,
-                       fakes_.processInformation,
-                       fileStreams_,
-                       networkInterfaces_,
-                       fakes_.powerControl,
-                       fakes_.hidEvents,
-                       fakes_.clock};
-    PlatformScope scope_{services_};
-};
 
 TEST_F(CommandWithoutMemory, RequestsThatChangeNothingAreAnswered) {
     const std::array lines{

@@ -18,6 +18,7 @@
 #include "tests/fakes/child_process.h"
 #include "tests/fakes/failing_allocations.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fakes/own_services.h"
 
 namespace corvane {
 namespace {
@@ -51,22 +52,7 @@ TEST(StartUpWithoutMemory, EndsWithItsStatusOrServes) {
     FakePlatform fakes;
     QuietLog log;
     Examiner device;
-    Platform services{log,
-                      fakes.firmware,
-                      fakes.serialDevices,
-                      fakes.hypervisor,
-                      device,
-                      fakes.vsockSockets,
-                      fakes.remoteLogin,
-                      fakes.accounts,
-                      fakes.privateDirectory,
-                      fakes.terminals,
-                      fakes.processInformation,
-                      fakes.fileStreams,
-                      fakes.networkInterfaces,
-                      fakes.powerControl,
-                      fakes.hidEvents,
-                      fakes.clock};
+    Platform services = platformWith({.systemLog = &log, .channelDevice = &device});
     const PlatformScope scope(services);
     int status = served;
     int ends = 0;

@@ -10,6 +10,7 @@
 #include "tests/fakes/child_process.h"
 #include "tests/fakes/failing_allocations.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fakes/own_services.h"
 
 namespace corvane {
 namespace {
@@ -44,22 +45,7 @@ class MemoryExhaustion : public testing::Test {
     FakePlatform fakes_;
     QuietLog log_;
     PiecewiseDevice device_;
-    Platform services_{log_,
-                       fakes_.firmware,
-                       fakes_.serialDevices,
-                       fakes_.hypervisor,
-                       device_,
-                       fakes_.vsockSockets,
-                       fakes_.remoteLogin,
-                       fakes_.accounts,
-                       fakes_.privateDirectory,
-                       fakes_.terminals,
-                       fakes_.processInformation,
-                       fakes_.fileStreams,
-                       fakes_.networkInterfaces,
-                       fakes_.powerControl,
-                       fakes_.hidEvents,
-                       fakes_.clock};
+    Platform services_ = platformWith({.systemLog = &log_, .channelDevice = &device_});
     PlatformScope scope_{services_};
 };
 

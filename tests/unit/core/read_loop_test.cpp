@@ -14,6 +14,7 @@
 #include "tests/fakes/agent_thread.h"
 #include "tests/fakes/child_process.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fakes/own_services.h"
 
 namespace corvane {
 namespace {
@@ -310,22 +311,7 @@ class ReadLoopOnAScript : public testing::Test {
 
     FakePlatform fakes_;
     ScriptedChannelDevice device_;
-    Platform services_{fakes_.systemLog,
-                       fakes_.firmware,
-                       fakes_.serialDevices,
-                       fakes_.hypervisor,
-                       device_,
-                       fakes_.vsockSockets,
-                       fakes_.remoteLogin,
-                       fakes_.accounts,
-                       fakes_.privateDirectory,
-                       fakes_.terminals,
-                       fakes_.processInformation,
-                       fakes_.fileStreams,
-                       fakes_.networkInterfaces,
-                       fakes_.powerControl,
-                       fakes_.hidEvents,
-                       fakes_.clock};
+    Platform services_ = platformWith({.channelDevice = &device_});
     PlatformScope scope_{services_};
 };
 

@@ -21,6 +21,7 @@
 #include "tests/fakes/child_process.h"
 #include "tests/fakes/fake_platform.h"
 #include "tests/fakes/forbidden_call.h"
+#include "tests/fakes/own_services.h"
 #include "tests/unit/core/signal_mask.h"
 
 namespace corvane {
@@ -62,27 +63,6 @@ class StartUp : public testing::Test {
     void expectFound(
         ThreadEntry reaper, const std::function<void()>& beforehand = [] {}) {
         EXPECT_EQ(endOf(reaper, beforehand).status, 0);
-    }
-
-    /// The fake platform with two services of the test's own.
-    static Platform servicesWith(SystemLog& log, SerialDevices& serialDevices) {
-        Platform& fakes = platform();
-        return {log,
-                fakes.firmware,
-                serialDevices,
-                fakes.hypervisor,
-                fakes.channelDevice,
-                fakes.vsockSockets,
-                fakes.remoteLogin,
-                fakes.accounts,
-                fakes.privateDirectory,
-                fakes.terminals,
-                fakes.processInformation,
-                fakes.fileStreams,
-                fakes.networkInterfaces,
-                fakes.powerControl,
-                fakes.hidEvents,
-                fakes.clock};
     }
 
     FakePlatform platform_;
@@ -262,7 +242,7 @@ class StartUpWithoutThreads : public StartUp {
     WatchfulLog log_;
 
  private:
-    Platform services_ = servicesWith(log_, platform_.serialDevices);
+    Platform services_ = platformWith({.systemLog = &log_});
     PlatformScope scope_{services_};
 };
 
@@ -310,7 +290,7 @@ class UnlistableSerialDevices : public SerialDevices {
 
 TEST_F(StartUp, ExceptionEndsItWithStatusOneAndAMessage) {
     UnlistableSerialDevices unlistable;
-    Platform services = servicesWith(platform_.systemLog, unlistable);
+    Platform services = platformWith({.serialDevices = &unlistable});
     const PlatformScope scope(services);
     const End end = endOf([] { exitWith(true); });
     EXPECT_EQ(end.status, 1);

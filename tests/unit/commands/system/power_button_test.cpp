@@ -11,6 +11,7 @@
 
 #include "platform/power_control.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fakes/own_services.h"
 
 namespace corvane {
 namespace {
@@ -153,22 +154,7 @@ TEST_F(PowerButton, ListenerThatRunsOutOfMemorySaysSoAndDoesNotEndTheAgent) {
     for (const bool fromMemory : {true, false}) {
         ThrowingHidEvents hidEvents(fromMemory);
         FakeSystemLog log;
-        Platform services{log,
-                          platform_.firmware,
-                          platform_.serialDevices,
-                          platform_.hypervisor,
-                          platform_.channelDevice,
-                          platform_.vsockSockets,
-                          platform_.remoteLogin,
-                          platform_.accounts,
-                          platform_.privateDirectory,
-                          platform_.terminals,
-                          platform_.processInformation,
-                          platform_.fileStreams,
-                          platform_.networkInterfaces,
-                          platform_.powerControl,
-                          hidEvents,
-                          platform_.clock};
+        Platform services = platformWith({.systemLog = &log, .hidEvents = &hidEvents});
         const PlatformScope scope(services);
         std::thread(listenForPowerButton).join();
         EXPECT_EQ(log.status(), unavailable);
