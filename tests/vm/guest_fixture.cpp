@@ -84,7 +84,8 @@ void GuestTest::awaitInGuest(const std::string& command, std::string_view expect
     std::string output;
     while ((output = shell().check(command)) != expected) {
         if (std::chrono::steady_clock::now() > end) {
-            throw HangError("'" + command + "' goes on to say: " + output);
+            throw HangError("'" + command + "' goes on to say: " + output +
+                            "\nand not: " + std::string(expected));
         }
     }
 }
