@@ -7,6 +7,7 @@
 #include <sys/sysmacros.h>
 
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <cstddef>
 #include <filesystem>
@@ -60,10 +61,10 @@ bool isMachinesButton(const InputDescription& description) {
 
 }  // namespace
 
-bool addHidParent(InputDescription& description, int descriptor, const std::string& sysRoot) {
+int addHidParent(InputDescription& description, int descriptor, const std::string& sysRoot) {
     struct stat status {};
     if (::fstat(descriptor, &status) != 0) {
-        return false;
+        return errno;
     }
     const std::string parent = sysRoot + "/dev/char/" + std::to_string(major(status.st_rdev)) +
                                ":" + std::to_string(minor(status.st_rdev)) + "/device/device";
@@ -71,19 +72,19 @@ bool addHidParent(InputDescription& description, int descriptor, const std::stri
     const auto bus = std::filesystem::read_symlink(parent + "/subsystem", error);
     description.isHid = !error && bus.filename() == "hid";
     if (!description.isHid) {
-        return !error || error == std::errc::no_such_file_or_directory;
+        return error == std::errc::no_such_file_or_directory ? 0 : error.value();
     }
     auto content = readSmallFile(parent + "/report_descriptor", HID_MAX_DESCRIPTOR_SIZE);
     if (content.ok()) {
         description.reportDescriptor = content.take();
     }
-    return content.ok();
+    return content.error();
 }
 
-std::optional<InputDescription> describeInputDevice(int descriptor, const std::string& sysRoot) {
+SystemResult<InputDescription> describeInputDevice(int descriptor, const std::string& sysRoot) {
     input_id id{};
     if (ask(descriptor, EVIOCGID, &id) < 0) {
-        return std::nullopt;
+        return SystemError{errno};
     }
     const BitSet<EV_MAX> types(descriptor, 0);
     const BitSet<KEY_MAX> keys(descriptor, EV_KEY);
@@ -94,8 +95,10 @@ std::optional<InputDescription> describeInputDevice(int descriptor, const std::s
     description.hasKeys = types.has(EV_KEY);
     description.hasPowerKey = description.hasKeys && keys.has(KEY_POWER);
     description.hasScanCodes = types.has(EV_MSC) && miscellaneous.has(MSC_SCAN);
-    return addHidParent(description, descriptor, sysRoot) ? std::optional(std::move(description))
-                                                          : std::nullopt;
+    if (const int error = addHidParent(description, descriptor, sysRoot)) {
+        return SystemError{error};
+    }
+    return description;
 }
 
 KeySource keySourceOf(const InputDescription& description, std::uint32_t usagePage) {

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/system_result.h"
 #include "platform/linux/key_report.h"
 
 namespace corvane {
@@ -21,16 +22,16 @@ struct InputDescription {
     std::string reportDescriptor;
 };
 
-/// Asks an open input device. Nothing for a descriptor that is none, whose device is gone, or about
-/// which sysfs does not say all, for want of memory or descriptors.
-/// `sysRoot` is the mount point of sysfs.
-std::optional<InputDescription> describeInputDevice(int descriptor,
-                                                    const std::string& sysRoot = "/sys");
+/// Asks an open input device. Fails with the errno of the ioctl(2) for a descriptor that is none or
+/// whose device is gone, and with that of what sysfs did not say. `sysRoot` is the mount point of
+/// sysfs.
+SystemResult<InputDescription> describeInputDevice(int descriptor,
+                                                   const std::string& sysRoot = "/sys");
 
 /// Adds what sysfs knows of the HID device that an open input device belongs to, if there is one.
-/// False when that cannot be read.
-[[nodiscard]] bool addHidParent(InputDescription& description, int descriptor,
-                                const std::string& sysRoot);
+/// Returns 0, or the errno value of what could not be read.
+[[nodiscard]] int addHidParent(InputDescription& description, int descriptor,
+                               const std::string& sysRoot);
 
 /// How to read the keys of a device for the events of `usagePage`; `none` when it can have none.
 KeySource keySourceOf(const InputDescription& description, std::uint32_t usagePage);

@@ -64,15 +64,18 @@ bool InputDevices::scanOrThrow(const std::string& folder) {
         device.isListed = false;
     }
     bool complete = true;
+    errno = 0;
     while (const dirent* entry = ::readdir(entries.get())) {
         if (isEventDevice(entry->d_name)) {
             complete = consider(folder + "/" + entry->d_name) && complete;
         }
         errno = 0;
     }
-    complete = complete && !isPassing(errno);
-    std::erase_if(devices_, [](const Device& device) { return !device.isListed; });
-    return complete;
+    const int error = errno;
+    if (complete && error == 0) {
+        std::erase_if(devices_, [](const Device& device) { return !device.isListed; });
+    }
+    return complete && !isPassing(error);
 }
 
 InputDevices::Device* InputDevices::find(const struct stat& status) {
@@ -103,11 +106,11 @@ bool InputDevices::consider(const std::string& path) {
     if (device.events.empty() || ::fstat(device.events.borrow(), &status) != 0) {
         return !isPassing(errno);
     }
-    const std::optional<InputDescription> description = describe_(device.events.borrow());
-    if (!description) {
-        return true;
+    auto described = describe_(device.events.borrow());
+    if (!described.ok()) {
+        return !isPassing(described.error());
     }
-    const KeySource source = keySourceOf(*description, usagePage_);
+    const KeySource source = keySourceOf(described.value(), usagePage_);
     if (source == KeySource::none) {
         device.events.closeNow();
     }

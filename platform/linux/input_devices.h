@@ -5,12 +5,12 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "core/descriptor_guard.h"
+#include "core/system_result.h"
 #include "platform/hid_events.h"
 #include "platform/linux/input_description.h"
 #include "platform/linux/key_report.h"
@@ -22,15 +22,15 @@ namespace corvane {
 /// thread.
 class InputDevices {
  public:
-    /// Asks an open device what it is; nothing when it cannot be told.
-    using Describe = std::function<std::optional<InputDescription>(int descriptor)>;
+    /// Asks an open device what it is.
+    using Describe = std::function<SystemResult<InputDescription>(int descriptor)>;
 
     InputDevices(Describe describe, std::uint32_t usagePage);
 
     /// Opens what has come to `folder` and lets go of what is not there any more. A device that
     /// cannot be opened or described is left out and tried again the next time; so is what there is
-    /// no memory for. A folder that cannot be read changes nothing: the devices of one that has
-    /// been removed go by themselves.
+    /// no memory for. Where the folder could not be looked at as a whole, nothing is let go of: the
+    /// devices of one that has been removed go by themselves.
     ///
     /// False when something was left out for want of memory or descriptors, or since a signal came
     /// in between: another try in a while may find it.

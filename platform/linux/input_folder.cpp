@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <utility>
@@ -20,13 +21,19 @@ bool InputFolder::watch() {
     if (notices_.empty()) {
         return false;
     }
+    isWatchedWhole_ = true;
     // The parent first: a folder that is made after the try at the folder itself is told.
-    parentWatch_ = ::inotify_add_watch(notices_.borrow(), parent_.c_str(),
-                                       IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
+    parentWatch_ = add(parent_, IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
     // A device's owner and mode are set after its coming: one that was refused may open now.
-    const int folderWatch = ::inotify_add_watch(notices_.borrow(), path_.c_str(),
-                                                IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_ONLYDIR);
+    const int folderWatch = add(path_, IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_ONLYDIR);
     return parentWatch_ >= 0 || folderWatch >= 0;
+}
+
+/// Returns the watch, or -1.
+int InputFolder::add(const std::string& path, std::uint32_t events) {
+    const int watch = ::inotify_add_watch(notices_.borrow(), path.c_str(), events);
+    isWatchedWhole_ = isWatchedWhole_ && (watch >= 0 || (errno != ENOMEM && errno != ENOSPC));
+    return watch;
 }
 
 bool InputFolder::takeNotices() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "core/descriptor_guard.h"
@@ -17,6 +18,10 @@ class InputFolder {
     /// on is told. False when neither the folder nor its parent can be watched.
     bool watch();
 
+    /// False when one of them is not watched for want of memory or watches: another try in a while
+    /// may do it.
+    [[nodiscard]] bool isWatchedWhole() const noexcept { return isWatchedWhole_; }
+
     [[nodiscard]] const std::string& path() const noexcept { return path_; }
 
     /// Readable when something has happened; -1 when nothing can be watched.
@@ -27,11 +32,14 @@ class InputFolder {
     [[nodiscard]] bool takeNotices();
 
  private:
+    int add(const std::string& path, std::uint32_t events);
+
     std::string parent_;
     std::string name_;
     std::string path_;
     DescriptorGuard notices_;
     int parentWatch_ = -1;
+    bool isWatchedWhole_ = false;
 };
 
 }  // namespace corvane

@@ -29,7 +29,7 @@ bool LinuxHidEvents::deliver(std::uint32_t primaryUsagePage, const Handler& hand
     if (!folder.watch()) {
         return false;
     }
-    bool complete = devices.scan(folder.path());
+    bool complete = devices.scan(folder.path()) && folder.isWatchedWhole();
     for (;;) {
         const std::span<pollfd> waited = devices.polled(stopDescriptor_, folder.descriptor());
         const int limit = complete ? -1 : retryMilliseconds;
@@ -45,7 +45,7 @@ bool LinuxHidEvents::deliver(std::uint32_t primaryUsagePage, const Handler& hand
         devices.read(handler);
         if (ready == 0 || (waited[1].revents != 0 && folder.takeNotices())) {
             folder.watch();
-            complete = devices.scan(folder.path());
+            complete = devices.scan(folder.path()) && folder.isWatchedWhole();
         }
     }
 }

@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <linux/input.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <functional>
 #include <optional>
 #include <string>
@@ -183,11 +185,11 @@ class HidParent : public testing::Test {
  protected:
     InputDescription describe() {
         InputDescription description;
-        isComplete_ = addHidParent(description, node_.borrow(), tree_.path());
+        error_ = addHidParent(description, node_.borrow(), tree_.path());
         return description;
     }
 
-    bool isComplete_ = false;
+    int error_ = -1;
     TemporaryTree tree_;
     DescriptorGuard node_{::open("/dev/null", O_RDONLY | O_CLOEXEC)};
 };
@@ -197,13 +199,26 @@ TEST_F(HidParent, IsFoundByTheNumberOfTheDevice) {
     tree_.makeFile("dev/char/1:3/device/device/report_descriptor", consumerControl);
     EXPECT_TRUE(describe().isHid);
     EXPECT_EQ(describe().reportDescriptor, consumerControl);
-    EXPECT_TRUE(isComplete_);
+    EXPECT_EQ(error_, 0);
 }
 
 TEST_F(HidParent, IsAskedAgainWhenItsReportDescriptorCannotBeRead) {
     tree_.makeLink("dev/char/1:3/device/device/subsystem", "../../../../../../../bus/hid");
     EXPECT_TRUE(describe().isHid);
-    EXPECT_FALSE(isComplete_);
+    EXPECT_EQ(error_, ENOENT);
+}
+
+TEST_F(HidParent, SaysWhatThereAreNoDescriptorsFor) {
+    tree_.makeLink("dev/char/1:3/device/device/subsystem", "../../../../../../../bus/hid");
+    tree_.makeFile("dev/char/1:3/device/device/report_descriptor", consumerControl);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit exhausted = before;
+    exhausted.rlim_cur = 0;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &exhausted), 0);
+    describe();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(error_, EMFILE);
 }
 
 TEST_F(HidParent, OfAnotherBusIsNone) {
@@ -222,16 +237,16 @@ TEST_F(HidParent, IsMissingFromADeviceThatAProgramMade) {
 
 TEST_F(HidParent, IsMissingWithoutSysfs) {
     EXPECT_FALSE(describe().isHid);
-    EXPECT_TRUE(isComplete_);
+    EXPECT_EQ(error_, 0);
     node_.closeNow();
     EXPECT_FALSE(describe().isHid);
-    EXPECT_FALSE(isComplete_);
+    EXPECT_EQ(error_, EBADF);
 }
 
 TEST_F(HidParent, IsAskedAgainWhenItsBusCannotBeRead) {
     tree_.makeFile("dev/char/1:3/device/device/subsystem", "no link");
     EXPECT_FALSE(describe().isHid);
-    EXPECT_FALSE(isComplete_);
+    EXPECT_EQ(error_, EINVAL);
 }
 
 TEST(InputDeviceDescription, IsHadOfInputDevicesAlone) {
@@ -244,7 +259,7 @@ TEST(InputDeviceDescription, IsHadOfInputDevicesAlone) {
     const DescriptorGuard folder(::open("/", O_RDONLY | O_CLOEXEC));
     for (const int descriptor :
          {reader.borrow(), null.borrow(), file.borrow(), folder.borrow(), -1}) {
-        EXPECT_FALSE(describeInputDevice(descriptor)) << descriptor;
+        EXPECT_NE(describeInputDevice(descriptor).error(), 0) << descriptor;
     }
 }
 

@@ -1,7 +1,9 @@
 #include "platform/linux/input_folder.h"
 
 #include <poll.h>
+#include <sched.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -9,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/fakes/child_process.h"
 #include "tests/unit/platform/linux/temporary_tree.h"
 
 namespace corvane {
@@ -35,6 +38,7 @@ class InputFolderTest : public testing::Test {
 TEST_F(InputFolderTest, ADeviceThatComesIsTold) {
     tree_.makeDirectory("input");
     ASSERT_TRUE(folder_.watch());
+    EXPECT_TRUE(folder_.isWatchedWhole());
     EXPECT_FALSE(takeAll());
     tree_.makeFile("input/event0", "");
     EXPECT_TRUE(takeAll());
@@ -62,6 +66,7 @@ TEST_F(InputFolderTest, WhatElseComesToTheParentIsNotTold) {
 
 TEST_F(InputFolderTest, TheFolderIsToldWhenItComes) {
     ASSERT_TRUE(folder_.watch());
+    EXPECT_TRUE(folder_.isWatchedWhole());
     tree_.makeDirectory("input");
     EXPECT_TRUE(takeAll());
     ASSERT_TRUE(folder_.watch());
@@ -100,6 +105,25 @@ TEST_F(InputFolderTest, NoticesThatWereLostCountAsAChange) {
 TEST_F(InputFolderTest, NothingCanBeWatchedWithoutTheParent) {
     InputFolder folder(tree_.path("nowhere"), "input");
     EXPECT_FALSE(folder.watch());
+}
+
+/// The limit is that of a user namespace of the child's own.
+TEST_F(InputFolderTest, WithoutWatchesItSaysThatItIsNotWatchedWholeUntilThereAreSome) {
+    tree_.makeDirectory("input");
+    EXPECT_EQ(exitStatusOf([this] {
+                  if (::unshare(CLONE_NEWUSER) != 0) {
+                      ::_exit(2);
+                  }
+                  const auto allow = [](const char* count) {
+                      std::ofstream("/proc/sys/user/max_inotify_watches") << count << std::flush;
+                  };
+                  InputFolder folder(tree_.path(), "input");
+                  allow("1");
+                  const bool parentAlone = folder.watch() && !folder.isWatchedWhole();
+                  allow("2");
+                  ::_exit(parentAlone && folder.watch() && folder.isWatchedWhole() ? 0 : 1);
+              }),
+              0);
 }
 
 TEST_F(InputFolderTest, NothingCanBeWatchedWithoutADescriptor) {

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <stdexcept>
 #include <utility>
@@ -121,13 +122,17 @@ DescriptorGuard InputMachine::openAtOnce(const std::string& name) const {
     return DescriptorGuard(::open(nodePath(name).c_str(), O_RDWR | O_CLOEXEC));
 }
 
-std::optional<InputDescription> InputMachine::descriptionOf(int descriptor) {
+SystemResult<InputDescription> InputMachine::descriptionOf(int descriptor) {
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
     const std::string name = fs::read_symlink(link).filename();
     const std::lock_guard guard(lock_);
     ++asked_[name];
     changed_.notify_all();
-    return descriptions_[name];
+    const auto& description = descriptions_[name];
+    if (!description) {
+        return SystemError{ENODEV};
+    }
+    return *description;
 }
 
 void InputMachine::start(HidEvents::Handler alsoCall) {

@@ -67,7 +67,7 @@ class InputMachine {
     void letListenerCatchUp(const DescriptorGuard& device);
 
  private:
-    std::optional<InputDescription> descriptionOf(int descriptor);
+    SystemResult<InputDescription> descriptionOf(int descriptor);
 
     TemporaryTree tree_;
     DescriptorGuard stop_;

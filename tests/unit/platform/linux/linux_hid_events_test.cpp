@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <new>
 #include <set>
@@ -333,14 +334,14 @@ TEST_F(HidEventsTest, ComesBackWithTrueWhenItIsStopped) {
 
 TEST(HidEvents, CannotBeHadWithoutAFolderOfDevices) {
     const TemporaryTree tree;
-    const auto describe = [](int /*device*/) { return std::optional<InputDescription>(); };
+    const auto describe = [](int /*device*/) { return InputDescription(); };
     LinuxHidEvents events(tree.path("nowhere"), describe);
     EXPECT_FALSE(events.deliver(consumerUsagePage, [](const HidEvent& /*event*/) {}));
 }
 
 TEST(HidEvents, CannotBeHadWithoutADescriptor) {
     const TemporaryTree tree;
-    const auto describe = [](int /*device*/) { return std::optional<InputDescription>(); };
+    const auto describe = [](int /*device*/) { return InputDescription(); };
     LinuxHidEvents events(tree.path(), describe);
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
@@ -359,7 +360,7 @@ TEST(InputDevicesTest, DeviceForWhichThereIsNoMemoryIsTriedAgain) {
     const DescriptorGuard device = machine.openAtOnce("event0");
     bool exhausted = false;
     InputDevices devices(
-        [&exhausted](int /*descriptor*/) -> std::optional<InputDescription> {
+        [&exhausted](int /*descriptor*/) {
             if (exhausted) {
                 throw std::bad_alloc();
             }
@@ -377,6 +378,37 @@ TEST(InputDevicesTest, DeviceForWhichThereIsNoMemoryIsTriedAgain) {
     exhausted = false;
     EXPECT_TRUE(devices.scan(machine.tree().path("input")));
     EXPECT_EQ(devices.polled(-1, -1).size(), 4U);
+}
+
+/// What /sys says of a device is read with the descriptors that the device itself has left.
+TEST(InputDevicesTest, DeviceThatCannotBeDescribedForWantOfMeansIsTriedAgainAndTheOthersAreKept) {
+    InputMachine machine;
+    machine.makeNode("event0");
+    const DescriptorGuard device = machine.openAtOnce("event0");
+    int error = 0;
+    InputDevices devices(
+        [&error](int /*descriptor*/) -> SystemResult<InputDescription> {
+            if (error != 0) {
+                return SystemError{error};
+            }
+            return consumerControl();
+        },
+        consumerUsagePage);
+    const std::string folder = machine.tree().path("input");
+    EXPECT_TRUE(devices.scan(folder));
+    machine.removeNode("event0");
+    machine.makeNode("event1");
+    for (const int passing : {EMFILE, ENFILE, ENOMEM, EINTR}) {
+        error = passing;
+        EXPECT_FALSE(devices.scan(folder)) << passing;
+        EXPECT_EQ(devices.polled(-1, -1).size(), 3U) << "not all was looked at";
+    }
+    error = ENODEV;
+    EXPECT_TRUE(devices.scan(folder));
+    EXPECT_EQ(devices.polled(-1, -1).size(), 2U);
+    error = 0;
+    EXPECT_TRUE(devices.scan(folder));
+    EXPECT_EQ(devices.polled(-1, -1).size(), 3U);
 }
 
 TEST(InputDevicesTest, HandlerThatThrowsLeavesNothingOpen) {
