@@ -55,7 +55,7 @@ void setDelimiterPending(bool pending) noexcept {
 }
 
 ReadLoop::ReadLoop()
-    : outOfMemoryLine_(writeJson(makeErrorResponse(genericError, outOfMemory), delimiter, "\n")) {}
+    : outOfMemoryLine_(writeJson(makeErrorResponse(genericError, outOfMemory), "", "\n")) {}
 
 void ReadLoop::run() {
     try {
@@ -175,10 +175,10 @@ std::size_t ReadLoop::sendLine(const JsonValue& response) {
     return output.size();
 }
 
+/// The marker is for a success: a request that failed has not asked for it.
 void ReadLoop::sendOutOfMemory() noexcept {
-    const std::string_view line = outOfMemoryLine_;
-    platform().channelDevice.send(channelDescriptor(),
-                                  std::exchange(delimiterPending, false) ? line : line.substr(1));
+    delimiterPending = false;
+    platform().channelDevice.send(channelDescriptor(), outOfMemoryLine_);
 }
 
 }  // namespace corvane

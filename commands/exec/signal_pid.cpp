@@ -65,12 +65,13 @@ std::optional<JsonValue> resizeTerminal(pid_t process, const JsonValue* newSize)
     if (auto error = getWindowSize(*newSize, size)) {
         return error;
     }
+    JsonValue response = makeSuccessResponse(JsonObject());
     if (::ioctl(terminal.borrow(), TIOCSWINSZ, &size) != 0) {
         const int error = errno;
         return systemFailure("failed to set window size for file descriptor " + descriptor, error);
     }
     // The terminal itself tells its foreground process group that its size has changed.
-    return makeSuccessResponse(JsonObject());
+    return response;
 }
 
 }  // namespace

@@ -14,8 +14,9 @@ JsonValue echoId(const char* handler, const JsonObject* arguments, bool delimite
     if (reader.failed()) {
         return reader.takeError();
     }
+    JsonValue response = makeSuccessResponse(JsonNumber::fromUnsigned(id.asUnsigned64()));
     setDelimiterPending(delimited);
-    return makeSuccessResponse(JsonNumber::fromUnsigned(id.asUnsigned64()));
+    return response;
 }
 
 }  // namespace

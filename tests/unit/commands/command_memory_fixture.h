@@ -63,7 +63,9 @@ class CommandWithoutMemory : public testing::Test {
     FakePlatform fakes_;
     QuietLog log_;
     PiecewiseDevice device_;
-    long counts_ = 0;  ///< of all allocations that have failed
+    std::string answer_;           ///< to the request of a Subject
+    std::size_t descriptors_ = 0;  ///< how many are open before and after each request
+    long counts_ = 0;              ///< of all allocations that have failed
 
  private:
     struct Outcome {
@@ -81,7 +83,6 @@ class CommandWithoutMemory : public testing::Test {
     void cleanUp();
 
     const std::string directory_;
-    std::size_t descriptors_ = 0;
     LinuxAccounts accounts_;
     LinuxPrivateDirectory privateDirectory_{captureDirectory()};
     LinuxTerminals terminals_;

@@ -1,5 +1,7 @@
 // Every command, with each allocation failing in turn that the request makes.
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -110,23 +112,24 @@ TEST_F(CommandWithoutMemory, ProgramOnATerminalLeavesNoRelayBehind) {
 }
 
 TEST_F(CommandWithoutMemory, EndOfAProgramIsToldOrKept) {
-    for (const char* captured : {"0", "1"}) {
+    for (const char* captured : {"false", "true"}) {
         std::string pid;
         expectConsistency(
-            captured,
-            {[this, &pid, captured] {
-                 pid =
-                     endedProgram(R"({"path":"/bin/sh","arg":["-c","echo out"],"capture-output":)" +
-                                  std::string(captured) + "}");
-                 return request("guest-exec-status", R"({"pid":)" + pid + "}");
-             },
-             {R"({"return":{"exited":true,"out-data":"","err-data":"","exitcode":0}})"
-              "\n"},
-             [this, &pid](bool told) {
-                 const auto entry = processTable.find(std::stoi(pid));
-                 const bool kept = entry != processTable.end() && entry->second != nullptr;
-                 EXPECT_NE(kept, told || device_.sent.empty());
-             }});
+            captured, {[this, &pid, captured] {
+                           pid = endedProgram(
+                               R"({"path":"/bin/echo","arg":["more than a string has room for"],)"
+                               R"("capture-output":)" +
+                               std::string(captured) + "}");
+                           return request("guest-exec-status", R"({"pid":)" + pid + "}");
+                       },
+                       {R"({"return":{"exited":true,"out-data":"","err-data":"","exitcode":0}})"
+                        "\n"},
+                       [this, &pid](bool) {
+                           const auto entry = processTable.find(std::stoi(pid));
+                           const bool kept =
+                               entry != processTable.end() && entry->second != nullptr;
+                           EXPECT_EQ(kept, answer_.find("exited") == std::string::npos);
+                       }});
     }
 }
 
@@ -154,6 +157,28 @@ TEST_F(CommandWithoutMemory, SignalIsSentOrNot) {
                           return request("mirel-guest-signal-pid",
                                          R"({"signal":0,"pid":)" + ourselves + "}");
                       }});
+}
+
+TEST_F(CommandWithoutMemory, TerminalIsResizedWhenThatIsTold) {
+    const DescriptorGuard master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    ASSERT_EQ(::grantpt(master.borrow()) | ::unlockpt(master.borrow()), 0);
+    ++descriptors_;
+    const std::string name = ::ptsname(master.borrow());
+    fakes_.processInformation.inputs[::getpid()] = {name, name};
+    const std::string line =
+        request("mirel-guest-signal-pid", R"({"signal":28,"pid":)" + std::to_string(::getpid()) +
+                                              R"(,"mirel-window-size":{"rows":30,"columns":100}})");
+    expectConsistency("resize", {[&line, &master] {
+                                     const winsize none{};
+                                     ::ioctl(master.borrow(), TIOCSWINSZ, &none);
+                                     return line;
+                                 },
+                                 {},
+                                 [&master](bool told) {
+                                     winsize size{};
+                                     ::ioctl(master.borrow(), TIOCGWINSZ, &size);
+                                     EXPECT_EQ(size.ws_row, told ? 30 : 0);
+                                 }});
 }
 
 TEST_F(CommandWithoutMemory, FileIsOpenAndToldOrNotOpen) {
