@@ -33,8 +33,8 @@ class GuestUnderLoad final : public SoakTarget {
     VsockPeer vsockPeer_;
 };
 
-/// A guest of its own. Its log stays in the guest: writing it to the console would take most of the
-/// time. There are few process ids, so that they come again and again.
+/// A guest of its own. Its log stays in the guest, in memory: writing it to the console would take
+/// most of the time. There are few process ids, so that they come again and again.
 class RandomLoad : public GuestTest {
  protected:
     void SetUp() override {
@@ -42,15 +42,25 @@ class RandomLoad : public GuestTest {
         use(*guest_);
         synchronisedHost().disconnect();
         shell().check(
-            "kill $(pidof syslogd); while pidof syslogd; do usleep 10000; done; syslogd -S -O "
-            "/run/log/load -s 1000 -b 1;"
-            "echo 4096 >/proc/sys/kernel/pid_max; service restart");
+            "kill $(pidof syslogd); while pidof syslogd; do usleep 10000; done; syslogd -S -C1000 "
+            "&&"
+            "echo 4096 >/proc/sys/kernel/pid_max && service restart");
+    }
+
+    /// Where each thread of the agent is, and how the kernel sees the port.
+    std::string agentState() {
+        return shell().check(
+            "agent=$(service pid); cd /proc/$agent/task && for thread in *; do"
+            " echo \"$(cat $thread/comm): $(cat $thread/wchan), $(cat $thread/syscall)\"; done;"
+            "ls -l /proc/$agent/fd | sed 's/.* \\([0-9]* -> \\)/\\1/';"
+            "mount -t debugfs none /sys/kernel/debug 2>/dev/null;"
+            "tail -n 20 /sys/kernel/debug/virtio-ports/*");
     }
 
     /// What the guest has logged of late.
     std::string guestLog() {
         return shell().check(
-            "cat /run/log/load.0 /run/log/load 2>/dev/null | tail -n 100 | cut -c 1-300;"
+            "logread | tail -n 100 | cut -c 1-300;"
             "echo 'standard error:'; tail -n 20 /run/log/agent.output | cut -c 1-300");
     }
 
@@ -73,7 +83,8 @@ TEST_F(RandomLoad, OfHostsThatVanishAtAnyByteLeavesNothingBehind) {
     if (HasFailure()) {
         std::cerr << "seed " << seed << "\n"
                   << load.figures() << "the last requests and answers:\n"
-                  << load.lastTraffic() << "the guest's log:\n"
+                  << load.lastTraffic() << "the agent:\n"
+                  << agentState() << "\nthe guest's log:\n"
                   << guestLog() << "\n";
     }
 }

@@ -34,7 +34,6 @@ constexpr CallErrors table[] = {
     {"exit", ""},
     {"exit_group", ""},
     {"faccessat2", "EIO ENOMEM"},
-    {"fcntl F_SETFL", "ENOMEM"},
     {"fcntl", ""},
     {"futex wait", "EAGAIN EINTR"},
     {"futex wake", ""},
