@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "core/base64_codecs.h"
+#include "tests/fakes/plain_base64.h"
 
 namespace corvane {
 namespace {
@@ -32,26 +33,6 @@ std::string randomBytes(std::size_t size) {
     std::string bytes(size, '\0');
     std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(byte(generator)); });
     return bytes;
-}
-
-/// One character after the other, straight from RFC 4648 section 4.
-std::string encodeSlowly(std::string_view bytes) {
-    std::string text;
-    unsigned bits = 0;
-    unsigned count = 0;
-    const auto addCharacter = [&] { text += base64Alphabet[bits >> (count - 6) & 0x3FU]; };
-    for (const char byte : bytes) {
-        bits = (bits << 8U | static_cast<unsigned char>(byte)) & 0xFFFFU;
-        for (count += 8; count >= 6; count -= 6) {
-            addCharacter();
-        }
-    }
-    if (count > 0) {
-        bits <<= 6 - count;
-        count = 6;
-        addCharacter();
-    }
-    return text.append((4 - text.size() % 4) % 4, '=');
 }
 
 constexpr bool isInAlphabet(int code) {
