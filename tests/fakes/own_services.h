@@ -7,8 +7,10 @@ namespace corvane {
 /// Services that a test brings itself, in place of some of the platform in use. Borrowed.
 struct OwnServices {
     SystemLog* systemLog = nullptr;
+    Firmware* firmware = nullptr;
     SerialDevices* serialDevices = nullptr;
     ChannelDevice* channelDevice = nullptr;
+    VsockSockets* vsockSockets = nullptr;
     Accounts* accounts = nullptr;
     PrivateDirectory* privateDirectory = nullptr;
     Terminals* terminals = nullptr;
@@ -24,11 +26,11 @@ inline Platform platformWith(const OwnServices& own) {
     };
     const Platform& used = platform();
     return {either(own.systemLog, used.systemLog),
-            used.firmware,
+            either(own.firmware, used.firmware),
             either(own.serialDevices, used.serialDevices),
             used.hypervisor,
             either(own.channelDevice, used.channelDevice),
-            used.vsockSockets,
+            either(own.vsockSockets, used.vsockSockets),
             used.remoteLogin,
             either(own.accounts, used.accounts),
             either(own.privateDirectory, used.privateDirectory),

@@ -20,6 +20,7 @@
 #include "platform/linux/boot_arguments.h"
 #include "platform/linux/linux_firmware.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fakes/own_services.h"
 #include "tests/fuzz/check.h"
 
 namespace corvane {
@@ -195,14 +196,10 @@ void run(std::string_view input) {
     machines.property.fill(contents.property);
     machines.configuration.fill(contents.configuration);
 
-    FakePlatform fakes;
+    const FakePlatform fakes;
     const std::string root = machines.rootOf(machine);
     LinuxFirmware firmware(root, root);
-    Platform services{
-        fakes.systemLog,         firmware,           fakes.serialDevices,      fakes.hypervisor,
-        fakes.channelDevice,     fakes.vsockSockets, fakes.remoteLogin,        fakes.accounts,
-        fakes.privateDirectory,  fakes.terminals,    fakes.processInformation, fakes.fileStreams,
-        fakes.networkInterfaces, fakes.powerControl, fakes.hidEvents,          fakes.clock};
+    Platform services = platformWith({.firmware = &firmware});
     const PlatformScope scope(services);
     checkMachine(machine, contents, firmware);
 }
