@@ -1,6 +1,7 @@
 // The read loop over a socketpair with writes of odd sizes and hosts that hang up, on the fake
 // platform, with all handlers but those that start programs or signal them: every line that is not
-// empty gets one answer, in order, every answer is well formed, and no descriptor is left behind.
+// empty gets one answer, in order, every answer is well formed and says what can be told of it
+// beforehand, the agent ends where it must and nowhere else, and no descriptor is left behind.
 //
 // A request can use a handle that an answer has named: the bytes 1, 2 and 3 are sent as the last
 // three numbers that the agent has returned.
@@ -16,7 +17,6 @@
 #include <string_view>
 #include <vector>
 
-#include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
 
 #include "commands/exec/exec_request.h"
@@ -41,16 +41,16 @@
 #include "core/read_loop.h"
 #include "tests/fakes/descriptor_count.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fakes/own_services.h"
 #include "tests/fuzz/caught_standard_error.h"
 #include "tests/fuzz/check.h"
+#include "tests/fuzz/expected_answer.h"
 #include "tests/fuzz/fuzz_input.h"
 #include "tests/fuzz/memory_guest.h"
 #include "tests/fuzz/pending_model.h"
 
 namespace corvane {
 namespace {
-
-namespace json = boost::json;
 
 JsonValue handleEcho(const JsonObject* arguments) {
     return makeSuccessResponse(arguments != nullptr ? JsonValue(*arguments) : JsonValue());
@@ -110,11 +110,8 @@ class Guest {
     MemoryVsockSockets vsockSockets_;
     SmallFiles smallFiles_;
     SeemingPrograms programs_;
-    Platform services_{
-        fakes_.systemLog,         fakes_.firmware,     fakes_.serialDevices,      fakes_.hypervisor,
-        fakes_.channelDevice,     vsockSockets_,       fakes_.remoteLogin,        fakes_.accounts,
-        fakes_.privateDirectory,  fakes_.terminals,    fakes_.processInformation, fileStreams_,
-        fakes_.networkInterfaces, fakes_.powerControl, fakes_.hidEvents,          fakes_.clock};
+    Platform services_ =
+        platformWith({.vsockSockets = &vsockSockets_, .fileStreams = &fileStreams_});
     PlatformScope scope_{services_};
 };
 
@@ -134,26 +131,30 @@ class Session {
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// False when the request was one that ends the agent.
+    /// False when a request was one that ends the agent.
     bool send(std::string_view input) {
         const std::string piece = withNumbers(input);
         const ssize_t sent = ::send(host_.borrow(), piece.data(), piece.size(), 0);
         check(sent == static_cast<ssize_t>(piece.size()), "a piece fits the socket");
         model_.append(piece);
-        std::size_t expected = 0;
-        while (const auto line = model_.takeLine()) {
-            expected += line->empty() ? 0U : 1U;
-        }
-        try {
-            loop_.pass();
-        } catch (const std::invalid_argument&) {
-            return false;
-        }
+        const bool ended = passEndsAgent();
         const std::vector<std::string> answers = takeAnswers();
-        check(answers.size() == expected, "each line that is not empty has one answer");
-        for (const std::string& answer : answers) {
-            checkAnswer(answer);
+        auto answer = answers.begin();
+        while (const auto line = model_.takeLine()) {
+            if (line->empty()) {
+                continue;
+            }
+            const ExpectedAnswer expected(*line, commands);
+            if (expected.endsAgent()) {
+                check(ended, "an 'execute' that is not a string ends the agent");
+                check(answer == answers.end(), "it has answered what came before, and no more");
+                return false;
+            }
+            check(answer != answers.end(), "each line that is not empty has an answer");
+            noteReturned(expected.checkAnswer(*answer++));
         }
+        check(answer == answers.end(), "and only one");
+        check(!ended, "nothing else ends the agent");
         return true;
     }
 
@@ -164,6 +165,16 @@ class Session {
     }
 
  private:
+    /// What ends the agent leaves the loop as this exception; others are for the fuzzer.
+    bool passEndsAgent() {
+        try {
+            loop_.pass();
+            return false;
+        } catch (const std::invalid_argument&) {
+            return true;
+        }
+    }
+
     [[nodiscard]] std::vector<std::string> takeAnswers() const {
         std::vector<std::string> answers;
         std::string text;
@@ -190,28 +201,12 @@ class Session {
         return text;
     }
 
-    void checkAnswer(std::string_view answer) {
-        if (answer.starts_with('\xFF')) {
-            answer.remove_prefix(1);
+    void noteReturned(const boost::json::value& result) {
+        if (result.is_uint64() || result.is_int64()) {
+            boost::json::error_code error;
+            std::rotate(returned_.rbegin(), returned_.rbegin() + 1, returned_.rend());
+            returned_.front() = result.to_number<std::uint64_t>(error);
         }
-        json::error_code error;
-        json::parse_options options;
-        options.max_depth = 600;
-        const json::value value = json::parse({answer.data(), answer.size()}, error, {}, options);
-        check(!error && value.is_object() && value.as_object().size() == 1,
-              "an answer is an object with one member");
-        const auto& member = *value.as_object().begin();
-        if (member.key() == "return") {
-            if (member.value().is_uint64() || member.value().is_int64()) {
-                std::rotate(returned_.rbegin(), returned_.rbegin() + 1, returned_.rend());
-                returned_.front() = member.value().to_number<std::uint64_t>(error);
-            }
-            return;
-        }
-        check(member.key() == "error" && member.value().is_object(), "it returns or is an error");
-        const auto& fault = member.value().as_object();
-        check(fault.size() == 2 && fault.contains("class") && fault.contains("desc"),
-              "an error has a class and a description");
     }
 
     Guest guest_;
