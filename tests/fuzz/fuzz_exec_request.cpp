@@ -1,17 +1,26 @@
-// Any JSON object as the arguments of "guest-exec": either there is a request that keeps its
-// promises, or a well-formed error, and standard error gets the one line that belongs to it.
+// Any JSON object as the arguments of "guest-exec": either there is a request that says what the
+// object does, value by value, and keeps its promises, or a well-formed error, and standard error
+// gets the one line that belongs to it.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "commands/exec/exec_request.h"
 #include "core/json_reader.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fakes/plain_base64.h"
 #include "tests/fuzz/caught_standard_error.h"
 #include "tests/fuzz/check.h"
+#include "tests/fuzz/given_values.h"
 
 namespace corvane {
 namespace {
@@ -48,29 +57,134 @@ void checkLine(const std::string& line, const std::string& description) {
     check(same || withPath, "the line belongs to the answer");
 }
 
-void checkRequest(const ExecRequest& request, const JsonObject& arguments) {
-    const std::string* path = stringIn(arguments, "path");
-    check(path != nullptr && *path == request.path, "the program is the one asked for");
-    const auto present = [&arguments](const char* key) { return arguments.find(key) != nullptr; };
-    check(present("env") == request.environment.has_value(), "an environment is there when given");
-    check(present("input-data") == request.inputData.has_value(), "input is there when given");
-    check(present("mirel-working-directory") == request.workingDirectory.has_value(),
-          "a directory is there when given");
-    check(present("mirel-stdin") == request.stdinPath.has_value() &&
-              present("mirel-stdout") == request.stdoutPath.has_value() &&
-              present("mirel-stderr") == request.stderrPath.has_value(),
-          "streams are there when given");
-    check(present("mirel-vsock-stdio") == request.vsockTarget.has_value(),
-          "a connection is there when given");
-    check(present("mirel-window-size") == request.windowSize.has_value() &&
-              present("mirel-termios") == request.terminalSettings.has_value(),
-          "a terminal's settings are there when given");
-    check((present("mirel-uid") || present("mirel-user")) == request.user.has_value() &&
-              (present("mirel-gid") || present("mirel-group")) == request.group.has_value(),
-          "user and group are there when given");
-    check(!request.vsockTarget || !(request.stdinPath || request.stdoutPath || request.stderrPath ||
-                                    request.inputData || request.captureOutput),
+/// The text under `key` of arguments that were accepted.
+std::optional<std::string> textIn(const JsonObject& object, const char* key) {
+    const JsonValue* value = object.find(key);
+    if (value == nullptr) {
+        return std::nullopt;
+    }
+    check(value->string() != nullptr, "what is accepted as a text is one");
+    return *value->string();
+}
+
+std::optional<std::vector<std::string>> textsIn(const JsonObject& object, const char* key) {
+    const JsonValue* value = object.find(key);
+    if (value == nullptr) {
+        return std::nullopt;
+    }
+    check(value->array() != nullptr, "what is accepted as a list is one");
+    std::vector<std::string> texts;
+    for (const JsonValue& element : *value->array()) {
+        check(element.string() != nullptr, "its elements are texts");
+        texts.push_back(*element.string());
+    }
+    return texts;
+}
+
+int valueOfDigit(char digit) {
+    return digit <= '9' ? digit - '0' : (digit & ~0x20) - 'A' + 10;
+}
+
+/// Where a URL that was accepted leads: with the C library's numbers, and cut at its marks alone.
+VsockTarget targetOf(std::string_view url) {
+    url.remove_prefix(std::min(url.find("//") + 2, url.size()));
+    url = url.substr(0, url.find_first_of("/?#"));
+    url.remove_prefix(url.rfind('@') + 1);  // 0 when there is none
+    const std::size_t colon = url.rfind(':');
+    check(colon != std::string_view::npos, "a URL with a port has a colon before it");
+    std::string host;
+    for (std::size_t place = 0; place < colon; ++place) {
+        const bool escaped = url[place] == '%';
+        host += escaped ? static_cast<char>(16 * valueOfDigit(url[place + 1]) +
+                                            valueOfDigit(url[place + 2]))
+                        : url[place];
+        place += escaped ? 2 : 0;
+    }
+    const long contextId = std::strtol(host.c_str(), nullptr, 10);
+    std::uint32_t port = 0;
+    for (const char digit : url.substr(colon + 1)) {
+        port = port * 10 + static_cast<std::uint32_t>(valueOfDigit(digit));
+    }
+    using Limits = std::numeric_limits<std::int32_t>;
+    return {static_cast<std::int32_t>(std::clamp<long>(contextId, Limits::min(), Limits::max())),
+            static_cast<std::int32_t>(port)};
+}
+
+void checkTarget(const ExecRequest& request, const JsonObject& arguments) {
+    const auto url = textIn(arguments, "mirel-vsock-stdio");
+    check(url.has_value() == request.vsockTarget.has_value(), "a connection is there when given");
+    if (!url) {
+        return;
+    }
+    check(url->starts_with("vsock://"), "it is a URL of vsock");
+    const VsockTarget target = targetOf(*url);
+    check(request.vsockTarget->contextId == target.contextId &&
+              request.vsockTarget->port == target.port,
+          "the connection leads where the URL does");
+    check(!(request.stdinPath || request.stdoutPath || request.stderrPath || request.inputData ||
+            request.captureOutput),
           "a connection stands in for all streams");
+}
+
+void checkTerminal(const ExecRequest& request, const JsonObject& arguments) {
+    const JsonValue* size = arguments.find("mirel-window-size");
+    const JsonValue* settings = arguments.find("mirel-termios");
+    check((size != nullptr) == request.windowSize.has_value() &&
+              (settings != nullptr) == request.terminalSettings.has_value(),
+          "a terminal's settings are there when given");
+    if (size != nullptr) {
+        check(size->object() != nullptr, "what is accepted as a size is an object");
+        checkSize(*request.windowSize, *size->object());
+    }
+    if (settings != nullptr) {
+        check(settings->object() != nullptr, "what is accepted as settings is an object");
+        checkSettings(*request.terminalSettings, *settings->object());
+    }
+}
+
+/// The id that a request names, or that the entry of this name has.
+template <typename Id>
+std::optional<Id> accountIn(const JsonObject& arguments, const char* idKey, const char* nameKey,
+                            const std::map<std::string, Id>& entries) {
+    if (const auto name = textIn(arguments, nameKey)) {
+        check(entries.contains(*name), "an account that is accepted is there");
+        return entries.at(*name);
+    }
+    if (arguments.find(idKey) == nullptr) {
+        return std::nullopt;
+    }
+    const Id id = wordIn<Id>(arguments, idKey);
+    check(std::ranges::any_of(entries, [id](const auto& entry) { return entry.second == id; }),
+          "an id that is accepted is there");
+    return id;
+}
+
+void checkRequest(const ExecRequest& request, const JsonObject& arguments,
+                  const FakeAccounts& accounts) {
+    check(textIn(arguments, "path") == request.path, "the program is the one asked for");
+    check(textsIn(arguments, "arg").value_or(std::vector<std::string>()) == request.arguments,
+          "its arguments are those given");
+    check(textsIn(arguments, "env") == request.environment, "its environment is the one given");
+    const auto input = textIn(arguments, "input-data");
+    check(request.inputData == (input ? decodeSlowly(*input) : std::nullopt) &&
+              request.inputData.has_value() == input.has_value(),
+          "its input is the one given");
+    const JsonValue* capture = arguments.find("capture-output");
+    check(capture == nullptr || capture->number() != nullptr,
+          "what is accepted as a number is one");
+    check(request.captureOutput == (capture != nullptr && capture->number()->asBoolean()),
+          "its output is kept when asked for");
+    check(textIn(arguments, "mirel-working-directory") == request.workingDirectory,
+          "its directory is the one given");
+    check(textIn(arguments, "mirel-stdin") == request.stdinPath &&
+              textIn(arguments, "mirel-stdout") == request.stdoutPath &&
+              textIn(arguments, "mirel-stderr") == request.stderrPath,
+          "its streams are those given");
+    checkTarget(request, arguments);
+    checkTerminal(request, arguments);
+    check(request.user == accountIn(arguments, "mirel-uid", "mirel-user", accounts.users) &&
+              request.group == accountIn(arguments, "mirel-gid", "mirel-group", accounts.groups),
+          "its user and group are those given");
 }
 
 void run(std::string_view text) {
@@ -82,7 +196,9 @@ void run(std::string_view text) {
     if (arguments == nullptr) {
         return;
     }
-    const FakePlatform platform;
+    FakePlatform platform;
+    platform.accounts.users = {{"root", 0}, {"nobody", 65534}, {"a", 4294967295}};
+    platform.accounts.groups = {{"root", 0}, {"daemon", 1}, {"nobody", 65533}};
     ExecRequest request;
     std::optional<JsonValue> error;
     std::string written;
@@ -95,7 +211,7 @@ void run(std::string_view text) {
         checkLine(written, descriptionOf(*error));
     } else {
         check(written.empty(), "nothing is written without a failure");
-        checkRequest(request, *arguments);
+        checkRequest(request, *arguments, platform.accounts);
     }
     check(platform.accounts.lookups.size() <= 2, "a user and a group are looked up once");
 }
