@@ -29,12 +29,11 @@ ssize_t receiveFromAny(int descriptor, std::span<char> buffer) {
     for (;;) {
         // First, since a terminal may be set to let its reader go with nothing.
         pollfd waited{descriptor, POLLIN, 0};
-        if (::poll(&waited, 1, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return -1;
+        if (::poll(&waited, 1, -1) < 0 && errno == EINTR) {
+            continue;
         }
+        // A wait that fails otherwise, for want of memory, is no end of the channel: channels
+        // block, and the read waits instead.
         const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
         // Readiness may have been for nothing, or gone to another reader.
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) {

@@ -1,6 +1,7 @@
 #include "platform/linux/linux_channel_device.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -103,6 +104,21 @@ TEST_F(ChannelDeviceTest, DescriptorsAboveAThousandWorkAsWell) {
         EXPECT_EQ(receiveText(high.borrow()), "ping\n");
     }
     ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(ChannelDeviceTest, AWaitThatFailsIsNoEndOfTheInput) {
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit before = limit;
+    limit.rlim_cur = 0;  // more descriptors than may be open cannot be waited on
+    ASSERT_EQ(::write(peer_.borrow(), "ping\n", 5), 5);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    pollfd waited{ours_.borrow(), POLLIN, 0};
+    const int outcome = ::poll(&waited, 1, 0);
+    const std::string received = receiveText(ours_.borrow());
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(outcome, -1) << "the wait does not fail";
+    EXPECT_EQ(received, "ping\n");
 }
 
 TEST_F(ChannelDeviceTest, ATerminalThatLetsItsReaderGoWithNothingIsWaitedOn) {
