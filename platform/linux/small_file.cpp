@@ -7,12 +7,14 @@
 #include <cerrno>
 
 #include "core/descriptor_guard.h"
+#include "platform/linux/interrupted_call.h"
 
 namespace corvane {
 
 SystemResult<std::string> readSmallFile(const std::string& path, std::size_t limit) {
     // Non-blocking, so that a FIFO in the file's place cannot hold us.
-    const DescriptorGuard file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const DescriptorGuard file(untilUninterrupted(
+        [&path] { return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); }));
     if (file.empty()) {
         return SystemError{errno};
     }
