@@ -11,7 +11,7 @@ namespace corvane::vm {
 /// What a frame on the bridge's port says. A port can't be closed in one direction, nor does its
 /// host see the guest close it: so both are said in frames.
 enum class FrameKind : char {
-    listen = 'L',     ///< from the host, a port in decimal: listen there, after ending what was
+    listen = 'L',     ///< from the host, a port in decimal: listen there, then end what was
     finish = 'S',     ///< from the host: nothing more will be sent
     close = 'C',      ///< from the host: the listener and the connection vanish
     data = 'D',       ///< in both directions

@@ -66,6 +66,7 @@ class Bridge {
         toHost_.add(encodeFrame(kind, payload));
     }
     void endSession();
+    void endConnection();
     static void close(int& descriptor) {
         if (descriptor >= 0) {
             ::close(std::exchange(descriptor, -1));
@@ -161,8 +162,10 @@ void Bridge::readDevice() {
 void Bridge::obey(const Frame& frame) {
     switch (frame.kind) {
         case FrameKind::listen:
-            endSession();
+            // First, so that an agent that has lost its host finds the next one.
+            close(listener_);
             startListening(frame.payload);
+            endConnection();
             break;
         case FrameKind::data:
             // Without a peer, or with one that is gone, the bytes go where a host's would.
@@ -225,6 +228,10 @@ void Bridge::writePeer() {
 
 void Bridge::endSession() {
     close(listener_);
+    endConnection();
+}
+
+void Bridge::endConnection() {
     close(peer_);
     peerEnded_ = false;
     hostFinished_ = false;

@@ -28,13 +28,16 @@ unsigned VsockPeer::listen() {
 }
 
 void VsockPeer::listen(unsigned port) {
-    close();
     sendFrame(FrameKind::listen, std::to_string(port));
-    const Frame answer = receiveFrame(hangLimit);
-    if (answer.kind != FrameKind::listening) {
-        throw std::runtime_error("no listener at vsock port " + std::to_string(port) + ": " +
-                                 answer.payload);
+    Frame answer = receiveFrame(hangLimit);
+    while (answer.kind != FrameKind::listening) {
+        if (answer.kind == FrameKind::failed) {
+            throw std::runtime_error("no listener at vsock port " + std::to_string(port) + ": " +
+                                     answer.payload);
+        }
+        answer = receiveFrame(hangLimit);  // what was still on its way from before
     }
+    forget();
 }
 
 void VsockPeer::awaitConnection() {
@@ -59,6 +62,10 @@ void VsockPeer::close() {
     sendFrame(FrameKind::close);
     while (receiveFrame(hangLimit).kind != FrameKind::closed) {
     }
+    forget();
+}
+
+void VsockPeer::forget() {
     received_.clear();
     end_.reset();
 }

@@ -19,7 +19,8 @@ class VsockPeer {
     /// The guest must have been booted with `vsockLoopback`. One object serves for its whole life.
     explicit VsockPeer(VirtualMachine& machine);
 
-    /// Ends what was and listens. Returns the port, another one each time and above 65535.
+    /// Listens, and then ends what was: at the same port an agent that connects anew succeeds.
+    /// Returns the port, another one each time and above 65535.
     unsigned listen();
     void listen(unsigned port);
     /// Waits until the agent has connected.
@@ -41,6 +42,7 @@ class VsockPeer {
     std::string receiveAll(Limit limit = hangLimit);
 
  private:
+    void forget();
     void sendFrame(FrameKind kind, std::string_view payload = {});
     Frame receiveFrame(Limit limit);
     /// Takes in one frame of data, or the end; throws EndOfStream after that.
