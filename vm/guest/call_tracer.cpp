@@ -50,6 +50,13 @@ void setRegisters(pid_t task, user_regs_struct registers) {
     ::ptrace(PTRACE_SETREGS, task, nullptr, &registers);
 }
 
+/// Sets a word of the task's memory, unless the address is 0.
+void setWord(pid_t task, std::uint64_t address, std::uint64_t word) {
+    if (address != 0) {
+        ::ptrace(PTRACE_POKEDATA, task, address, word);
+    }
+}
+
 /// A process that the agent forks: glibc's fork asks for the child's id to be stored, the agent's
 /// own call for a program does not.
 std::string processRole(pid_t parent) {
@@ -176,12 +183,15 @@ void CallTracer::spoil(pid_t task, const CallInfo& call) {
     entry.failing = Task::Failing::refused;
     user_regs_struct changed = entry.registers;
     if (fault_->error == 0) {
-        // The kernel transfers so much less in truth. A single byte cannot be halved.
-        if (!countsBytes(call.entry.nr) || changed.rdx < 2) {
+        // The kernel transfers so much less in truth.
+        const auto halved = halve(task, call);
+        if (!halved) {
             entry.failing = Task::Failing::no;
             return;
         }
-        changed.rdx /= 2;
+        changed.rdx = halved->count;
+        entry.halved = *halved;
+        setWord(task, halved->address, halved->half);
         entry.failing = Task::Failing::answered;
     } else if (movesTheBreak(call.entry.nr)) {
         changed.rdi = 0;
@@ -203,6 +213,8 @@ void CallTracer::leaveCall(pid_t task) {
     // The caller relies on its arguments to be left alone.
     registers.rdi = entry.registers.rdi;
     registers.rdx = entry.registers.rdx;
+    const HalvedCall halved = std::exchange(entry.halved, {});
+    setWord(task, halved.address, halved.whole);
     if (failing == Task::Failing::refused) {
         registers.rax = static_cast<unsigned long long>(-static_cast<long long>(fault_->error));
     }

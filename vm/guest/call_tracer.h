@@ -59,6 +59,7 @@ class CallTracer {
         /// Where it is in the call that is made to fail.
         enum class Failing { no, refused, answered } failing = Failing::no;
         user_regs_struct registers{};  ///< of that call, as it was made
+        HalvedCall halved{};           ///< where it transfers half of its bytes
     };
 
     void handleStop(pid_t task, int status);

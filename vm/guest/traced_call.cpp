@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstddef>
 #include <string_view>
 
 namespace {
@@ -235,6 +236,29 @@ std::string objectName(pid_t task, Object object, const std::uint64_t* arguments
     return "";
 }
 
+std::optional<HalvedCall> halvePieces(pid_t task, std::uint64_t address, std::uint64_t count) {
+    constexpr std::size_t most = 64;
+    std::array<iovec, most> pieces{};
+    const std::size_t size = count * sizeof(iovec);
+    if (count > pieces.size() || readMemory(task, address, pieces.data(), size) != size) {
+        return std::nullopt;
+    }
+    std::size_t left = 0;
+    for (std::uint64_t index = 0; index < count; ++index) {
+        left += pieces[index].iov_len;
+    }
+    left /= 2;
+    for (std::uint64_t index = 0; index < count && left > 0; ++index) {
+        const std::size_t whole = pieces[index].iov_len;
+        if (left <= whole) {
+            return HalvedCall{index + 1, address + index * sizeof(iovec) + offsetof(iovec, iov_len),
+                              whole, left};
+        }
+        left -= whole;
+    }
+    return std::nullopt;
+}
+
 std::string withoutNumbers(const std::string& text) {
     std::string result;
     for (const char byte : text) {
@@ -275,7 +299,17 @@ bool movesTheBreak(std::uint64_t number) {
     return number == SYS_brk;
 }
 
-bool countsBytes(std::uint64_t number) {
-    return number == SYS_read || number == SYS_write || number == SYS_pread64 ||
-           number == SYS_sendto;
+std::optional<HalvedCall> halve(pid_t task, const CallInfo& call) {
+    const std::uint64_t count = call.entry.args[2];
+    switch (call.entry.nr) {
+        case SYS_read:
+        case SYS_write:
+        case SYS_pread64:
+        case SYS_sendto:
+            return count < 2 ? std::nullopt : std::optional(HalvedCall{.count = count / 2});
+        case SYS_writev:
+            return halvePieces(task, call.entry.args[1], count);
+        default:
+            return std::nullopt;
+    }
 }

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 /// What PTRACE_GET_SYSCALL_INFO says.
@@ -22,5 +23,16 @@ bool closesDescriptor(std::uint64_t number);
 /// is asked for address 0.
 bool movesTheBreak(std::uint64_t number);
 
-/// Whether the third argument of the call says how many bytes it transfers at most.
-bool countsBytes(std::uint64_t number);
+/// What makes a call transfer half of the bytes that it would, in truth.
+struct HalvedCall {
+    std::uint64_t count = 0;  ///< its third argument for that: bytes, or pieces of a list of them
+    /// The word of the task's memory, for as long as the call takes, that is the length of the last
+    /// of these pieces, what it is and what it must be; address 0 where there are no pieces.
+    std::uint64_t address = 0;
+    std::uint64_t whole = 0;
+    std::uint64_t half = 0;
+};
+
+/// Nothing for a call that transfers no bytes, or none that could be halved: a single one, or a
+/// message (recvmsg), which comes whole or not at all.
+std::optional<HalvedCall> halve(pid_t task, const CallInfo& call);
