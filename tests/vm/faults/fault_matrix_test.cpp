@@ -63,13 +63,16 @@ std::ostream& operator<<(std::ostream& stream, const PlannedFault& planned) {
                   << planned.error;
 }
 
-/// The guest in which all scenarios run, from its first use on.
+/// The guest in which scenarios run, from their first use of its channel to the first use of
+/// another one: the machine that runs the tests has to emulate one guest at a time.
 class FaultGuest : public ::testing::Environment {
  public:
-    FaultBench& bench() {
-        if (!bench_) {
-            machine_ = bootGuest({.vsockLoopback = true, .startAgent = false});
-            bench_ = std::make_unique<FaultBench>(*machine_);
+    FaultBench& bench(Channel channel) {
+        if (!bench_ || channel_ != channel) {
+            TearDown();
+            machine_ = bootFor(channel);
+            bench_ = std::make_unique<FaultBench>(*machine_, channel);
+            channel_ = channel;
         }
         return *bench_;
     }
@@ -81,6 +84,7 @@ class FaultGuest : public ::testing::Environment {
  private:
     std::unique_ptr<VirtualMachine> machine_;
     std::unique_ptr<FaultBench> bench_;
+    Channel channel_ = Channel::serial;
 };
 
 FaultGuest& faultGuest =
@@ -90,22 +94,13 @@ class FaultMatrix : public GuestTest, public ::testing::WithParamInterface<Scena
  protected:
     void SetUp() override {
         use(bench().machine());
-        bench().expect("done");
-        restart();
+        bench().restart();
     }
-    FaultBench& bench() { return faultGuest.bench(); }
-
-    void restart(const InjectedFault* fault = nullptr) {
-        bench().tracer().restart(fault);
-        if (fault == nullptr) {
-            bench().connect();
-            bench().host().synchronise();
-        }
-    }
+    static FaultBench& bench() { return faultGuest.bench(GetParam().channel); }
 
     std::map<std::string, unsigned> callsOfOneRun() {
         if (GetParam().startsAgent) {
-            bench().tracer().restart();
+            bench().startAgent();
         } else {
             bench().tracer().begin();
         }
@@ -183,7 +178,7 @@ class FaultMatrix : public GuestTest, public ::testing::WithParamInterface<Scena
         const std::string expected(planned.rule == nullptr ? "" : planned.rule->outcome);
         try {
             if (GetParam().startsAgent) {
-                bench().tracer().restart(&planned.fault);
+                bench().startAgent(&planned.fault);
             } else {
                 bench().tracer().begin(&planned.fault);
             }
@@ -212,7 +207,7 @@ class FaultMatrix : public GuestTest, public ::testing::WithParamInterface<Scena
         const TracerReport report = bench().tracer().report();
         const int kept = planned.rule == nullptr ? 0 : planned.rule->descriptors;
         if (report.agent < 0) {
-            restart();
+            bench().restart();
             return;
         }
         EXPECT_TRUE(report.faultHappened || !mustCome) << planned;
@@ -227,7 +222,7 @@ class FaultMatrix : public GuestTest, public ::testing::WithParamInterface<Scena
             EXPECT_NO_THROW(awaitInGuest(printState, expectedState(kept))) << planned;
         }
         if (!isAsBefore(0)) {
-            restart();
+            bench().restart();
         }
     }
 
@@ -252,11 +247,17 @@ class FaultMatrix : public GuestTest, public ::testing::WithParamInterface<Scena
                 EXPECT_NO_THROW(bench().machine().log().await(line, start, faultPatience))
                     << planned;
             }
+            if (!planned.rule->unsaid.empty()) {
+                bench().machine().settleLog();
+                EXPECT_EQ(bench().machine().log().since(start).find(planned.rule->unsaid),
+                          std::string::npos)
+                    << planned << ": the log says something of " << planned.rule->unsaid;
+            }
         }
         if (healthy) {
             expectHealth(planned);
         } else {
-            restart();
+            bench().restart();
         }
     }
 

@@ -5,6 +5,8 @@
 #include <fnmatch.h>
 #include <vector>
 
+#include "tests/vm/faults/fault_bench.h"
+
 namespace corvane::vm {
 namespace {
 
@@ -233,6 +235,7 @@ const std::vector<FaultRule> rules = {
     {"file", "main read *", "done", "short"},
     {"file", "main read *", "fread error ERRNO"},
     {"@(file|transfer*)", "main close /run/fault.file", "fclose error ERRNO"},
+    {"transfer*", "main socket AF_VSOCK", "no vsock transport available", "ENODEV"},
     {"transfer*", "main socket AF_VSOCK", "failed to create vsock socket with error: TEXT"},
     {"transfer*", "main getsockopt socket", "failed to get socket buffer size with error: TEXT",
      "any", 1, 1},
@@ -254,6 +257,83 @@ const std::vector<FaultRule> rules = {
     // What cannot be made at the moment is not listed.
     {"info", "main socket AF_VSOCK", "17 commands"},
     {"info", "main faccessat2 *"},
+
+    // The vsock channel. What is not its own is tried elsewhere. Without it the agent serves at the
+    // serial device: with an event queue more, and with the socket whose connecting has failed.
+    {"vsock *", "!(main @(* socket|socket *|* /proc/cmdline|* /sys/firmware/*))", "elsewhere"},
+    {"vsock reconnect", "main * /proc/cmdline", "elsewhere"},
+    {"vsock node", "main !(* /proc/cmdline|* /sys/firmware/*)", "elsewhere"},
+    // The port. A source that cannot be read gives none, and the next one is asked.
+    {"vsock start-up", "main @(openat|read) /proc/cmdline", "done", "EINTR short"},
+    {.scenarios = "vsock start-up",
+     .call = "main @(openat|read) /proc/cmdline",
+     .outcome = serialDevice,
+     .log = "Cannot find entry /product on this system",
+     .descriptors = 1},
+    {"vsock *", "main @(openat|read|close) /proc/cmdline"},
+    {"vsock node", "main newfstatat /sys/firmware/devicetree*"},
+    {.scenarios = "vsock node",
+     .call = "main newfstatat /sys/firmware/qemu_fw_cfg/by_name",
+     .outcome = serialDevice,
+     .log = "Unable to reach the device registry: TEXT",
+     .descriptors = 1},
+    {.scenarios = "vsock node",
+     .call = "main newfstatat /sys/firmware/qemu_fw_cfg/by_name/opt/mirel/options",
+     .outcome = serialDevice,
+     .log = "Cannot find entry /options on this system",
+     .descriptors = 1},
+    {.scenarios = "vsock node",
+     .call = "main newfstatat /sys/firmware/*/mirel-guest-agent-port",
+     .outcome = serialDevice,
+     .log = "Unable to find key mirel-guest-agent-port in /options",
+     .descriptors = 1},
+    {"vsock node", "main @(openat|read) /sys/firmware/*/raw", "done", "EINTR short"},
+    {.scenarios = "vsock node",
+     .call = "main @(openat|read) /sys/firmware/*/raw",
+     .outcome = serialDevice,
+     .log = "Expecting data for mirel-guest-agent-port in /options",
+     .descriptors = 1},
+    {"vsock node", "main close /sys/firmware/*"},
+    // The connection. A machine without vsock is left at peace.
+    {.scenarios = "vsock @(start-up|reconnect)",
+     .call = "main socket AF_VSOCK",
+     .outcome = serialDevice,
+     .errors = "ENODEV",
+     .unsaid = "vsock",
+     .descriptors = 1},
+    {.scenarios = "vsock @(start-up|reconnect)",
+     .call = "main socket AF_VSOCK",
+     .outcome = serialDevice,
+     .log = "Error creating vsock socket: TEXT.",
+     .descriptors = 1},
+    {.scenarios = "vsock @(start-up|reconnect)",
+     .call = "main @(connect|getsockopt|fcntl F_SETFL) socket",
+     .outcome = serialDevice,
+     .log = "Error connecting to vsock peer at address cid 2 and port 1024: TEXT.",
+     .descriptors = 2},
+    {"vsock start-up", "main poll socket", "done", "EINTR"},
+    {.scenarios = "vsock start-up",
+     .call = "main poll socket",
+     .outcome = serialDevice,
+     .last = 1,
+     .log = "Error connecting to vsock peer at address cid 2 and port 1024: TEXT.",
+     .descriptors = 2},
+    // Whether the agent waits for its old host anew before that one leaves is a matter of time.
+    {"vsock reconnect", "main poll socket", "elsewhere"},
+    {"vsock reconnect", "main @(close|read) socket"},
+    {"vsock start-up", "main @(read|writev) socket", "elsewhere"},
+    // At work. A wait that fails is not the channel's end. An answer is written once. A channel
+    // that cannot be read has ended, and the host that listened for one connection is not found.
+    {.scenarios = "vsock @(start-up|ping)", .call = "main poll socket", .mayBeLeftOut = true},
+    {"vsock ping", "main read socket", "done", "EAGAIN EINTR short"},
+    {.scenarios = "vsock ping",
+     .call = "main read socket",
+     .outcome = serialDevice,
+     .log = connectionHasEnded,
+     .descriptors = 2},
+    {"vsock ping", "main writev socket", "done", "EINTR"},
+    {"vsock ping", "main writev socket", cutAnswer, "short"},
+    {"vsock ping", "main writev socket", noAnswer},
 };
 
 bool fits(std::string_view pattern, const std::string& text) {
@@ -303,6 +383,10 @@ std::string ruleTable() {
             which += rule.last == ~0U ? " and later" : "";
         }
         std::string further(rule.log.empty() ? "" : "log: " + std::string(rule.log));
+        if (!rule.unsaid.empty()) {
+            further +=
+                (further.empty() ? "" : "; ") + ("not in the log: " + std::string(rule.unsaid));
+        }
         if (rule.descriptors != 0) {
             further += (further.empty() ? "" : "; ") + std::to_string(rule.descriptors) +
                        " descriptors, for good";

@@ -20,6 +20,8 @@ struct FaultRule {
     unsigned last = ~0U;
     /// What the status log then says, with the same stand-ins.
     std::string_view log = {};
+    /// What it does not say in the whole run.
+    std::string_view unsaid = {};
     /// How many descriptors more the agent has afterwards, for good.
     int descriptors = 0;
     /// Of many calls at one place (each of 70 devices is looked at) six are made to fail.

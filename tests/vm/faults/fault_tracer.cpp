@@ -20,6 +20,10 @@ FaultTracer::FaultTracer(GuestShell& shell) : shell_(shell) {
     shell_.check("fault-tracer serve");
 }
 
+void FaultTracer::endAgent() {
+    shell_.check("fault-tracer kill >/dev/null");
+}
+
 void FaultTracer::restart(const InjectedFault* fault) {
     give("fault-tracer kill >/dev/null; " + orderToBegin(fault) + "; fault-tracer start");
 }

@@ -33,6 +33,8 @@ class FaultTracer {
     /// Starts the tool. The guest must have been booted without its agent running.
     explicit FaultTracer(GuestShell& shell);
 
+    /// Ends the agent that runs, if any.
+    void endAgent();
     /// Ends the agent that runs, if any, and starts another; its calls are counted from its main()
     /// on. With or without a fault.
     void restart(const InjectedFault* fault = nullptr);

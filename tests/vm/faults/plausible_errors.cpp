@@ -68,7 +68,7 @@ constexpr CallErrors table[] = {
     {"read inotify", "EAGAIN EINTR short"},
     {"read", "EINTR EIO short"},
     {"readlink", "EIO ENOMEM"},
-    {"recvmsg", "EINTR ENOMEM"},
+    {"recvmsg", "EINTR ENOMEM"},  // of messages, which are not cut
     {"rseq", ""},
     {"rt_sigaction", ""},
     {"rt_sigprocmask", ""},
@@ -78,6 +78,7 @@ constexpr CallErrors table[] = {
     {"setgid", ""},
     {"setsid", ""},
     {"setuid", "EAGAIN"},
+    {"socket AF_VSOCK", "EMFILE ENFILE ENODEV ENOMEM"},
     {"socket", "EMFILE ENFILE ENOMEM"},
     {"unlink", "EIO ENOMEM"},
     {"wait4", ""},  // EINTR only without WNOHANG
@@ -86,7 +87,7 @@ constexpr CallErrors table[] = {
     {"write socket", "EAGAIN EINTR EIO ENOMEM EPIPE short"},
     {"write pipe", "EINTR EPIPE short"},
     {"write", "EINTR EIO ENOSPC short"},
-    {"writev socket", "EINTR EIO ENOMEM EPIPE"},
+    {"writev socket", "EINTR EIO ENOMEM EPIPE short"},  // of sockets that block: no EAGAIN
 };
 
 struct NamedError {
@@ -97,7 +98,7 @@ struct NamedError {
 constexpr NamedError names[] = {
     {shortCount, 0},      {"EAGAIN", EAGAIN}, {"EINTR", EINTR},   {"EIO", EIO},
     {"EMFILE", EMFILE},   {"ENFILE", ENFILE}, {"ENOMEM", ENOMEM}, {"ENOSPC", ENOSPC},
-    {"ENOBUFS", ENOBUFS}, {"EPIPE", EPIPE},
+    {"ENOBUFS", ENOBUFS}, {"ENODEV", ENODEV}, {"EPIPE", EPIPE},
 };
 
 bool fits(std::string_view call, std::string_view entry) {

@@ -104,11 +104,16 @@ auto withPeer(FaultBench& bench, Act act) {
     try {
         return act(bench.peer());
     } catch (const EndOfStream&) {
-        throw Deviation("vsock connection ended");
+        throw Deviation(std::string(vsockEnded));
     }
 }
 
 void start(FaultBench& bench) {
+    bench.ask("guest-ping");
+}
+
+void startOnVsock(FaultBench& bench) {
+    bench.meetAgent();
     bench.ask("guest-ping");
 }
 
@@ -244,6 +249,16 @@ const std::vector<Scenario> list = {
     {"transfer from host", transferFromHost},
     {"interfaces", interfaces},
     {"clock", clock},
+    {.name = "vsock start-up",
+     .run = startOnVsock,
+     .startsAgent = true,
+     .channel = Channel::vsockOfArgument},
+    {.name = "vsock ping", .run = ping, .channel = Channel::vsockOfArgument},
+    {.name = "vsock reconnect", .run = reconnect, .channel = Channel::vsockOfArgument},
+    {.name = "vsock node",
+     .run = startOnVsock,
+     .startsAgent = true,
+     .channel = Channel::vsockOfNode},
 };
 
 }  // namespace

@@ -16,6 +16,7 @@ struct Scenario {
     bool startsAgent = false;  ///< run with an agent that is being started
     /// For faults that end the agent: what makes it do its work, without awaiting the outcome.
     std::function<void(FaultBench&)> provoke = [](FaultBench& /*bench*/) {};
+    Channel channel = Channel::serial;
 };
 
 std::span<const Scenario> scenarios();
