@@ -69,35 +69,39 @@ void SoakLoad::step() {
         const char* name;
         std::size_t weight;
         Action action;
+        bool needsPeer = false;  ///< at the vsock
     };
     static const std::array choices{
         Choice{"questions", 6, &SoakLoad::askQuestions},
         Choice{"starts", 6, &SoakLoad::startPrograms},
         Choice{"polls", 6, &SoakLoad::pollPrograms},
         Choice{"signals", 3, &SoakLoad::signalProgram},
-        Choice{"programs on vsock", 2, &SoakLoad::useProgramOnVsock},
-        Choice{"programs on terminals", 1, &SoakLoad::useProgramOnTerminal},
+        Choice{"programs on vsock", 2, &SoakLoad::useProgramOnVsock, true},
+        Choice{"programs on terminals", 1, &SoakLoad::useProgramOnTerminal, true},
         Choice{"files written and read", 3, &SoakLoad::useFile},
         Choice{"files held open", 4, &SoakLoad::useHeldFile},
-        Choice{"transfers", 2, &SoakLoad::transferFile},
+        Choice{"transfers", 2, &SoakLoad::transferFile, true},
         Choice{"clocks set", 1, &SoakLoad::setClock},
         Choice{"hosts that vanished", 12, &SoakLoad::vanish},
-        Choice{"hosts that vanished during a transfer", 1, &SoakLoad::vanishDuringTransfer},
+        Choice{"hosts that vanished during a transfer", 1, &SoakLoad::vanishDuringTransfer, true},
         Choice{"hosts that came and went", 2, &SoakLoad::comeAndGo},
+    };
+    const auto weightOf = [this](const Choice& choice) {
+        return choice.needsPeer && target_.vsockPeer() == nullptr ? 0 : choice.weight;
     };
     std::size_t sum = 0;
     for (const Choice& choice : choices) {
-        sum += choice.weight;
+        sum += weightOf(choice);
     }
     std::size_t drawn = dice_.below(sum);
     for (const Choice& choice : choices) {
-        if (drawn < choice.weight) {
+        const std::size_t weight = weightOf(choice);
+        if (drawn < weight) {
             record_.note(choice.name);
-            ++counts_[choice.name];
             (this->*choice.action)();
             return;
         }
-        drawn -= choice.weight;
+        drawn -= weight;
     }
 }
 
@@ -152,6 +156,7 @@ void SoakLoad::startPrograms() {
     }
     ledger_.started += pids.size();
     unsettled_ += pids.size();
+    counts_["starts answered"] += pids.size();
 }
 
 void SoakLoad::pollPrograms() {
@@ -163,6 +168,7 @@ void SoakLoad::pollPrograms() {
 bool SoakLoad::takeEndIfEnded(std::size_t index) {
     const SoakProgram& program = ledger_.running[index];
     const ProgramState state = exec_->poll(program.pid);
+    ++counts_["polls"];
     if (!state.exited) {
         return false;
     }
@@ -186,13 +192,11 @@ void SoakLoad::signalProgram() {
     sleeping->signal = signal;
     sleeping->exitCode.reset();
     sleeping->sleeps = false;
+    ++counts_["signals"];
 }
 
 void SoakLoad::useProgramOnVsock() {
     VsockPeer* const peer = target_.vsockPeer();
-    if (peer == nullptr) {
-        return;
-    }
     const bool peerStays = !dice_.oneIn(3);
     SoakProgram program =
         ledger_.make(peerStays ? "cat" : "cat >/dev/null", static_cast<int>(dice_.below(250)));
@@ -210,13 +214,11 @@ void SoakLoad::useProgramOnVsock() {
         peer->close();
     }
     ledger_.running.push_back(std::move(program));
+    ++counts_["programs on vsock"];
 }
 
 void SoakLoad::useProgramOnTerminal() {
     VsockPeer* const peer = target_.vsockPeer();
-    if (peer == nullptr) {
-        return;
-    }
     SoakProgram program =
         ledger_.make("stty size; read -r line", static_cast<int>(dice_.below(250)));
     program.arguments["mirel-vsock-stdio"] = "vsock://2:" + std::to_string(peer->listen());
@@ -237,6 +239,7 @@ void SoakLoad::useProgramOnTerminal() {
         peer->receiveAll();
     }
     ledger_.running.push_back(std::move(program));
+    ++counts_["programs on terminals"];
 }
 
 void SoakLoad::useFile() {
@@ -257,14 +260,15 @@ void SoakLoad::useFile() {
     const std::size_t count = dice_.between(1, 70'000);
     expect(files_->read(handle, count).bytes == bytes.substr(place, count), "other bytes are read");
     files_->close(handle);
-    counts_["opens"]++;
+    ++counts_["opens"];
+    ++counts_["files written and read"];
 }
 
 void SoakLoad::useHeldFile() {
     constexpr std::size_t most = 16;
     if (held_.size() < most && (held_.empty() || dice_.oneIn(2))) {
         held_.push_back(files_->open(path("in"), dice_.oneIn(2) ? "r" : "r+"));
-        counts_["opens"]++;
+        ++counts_["opens"];
         return;
     }
     const std::size_t index = dice_.below(held_.size());
@@ -274,6 +278,7 @@ void SoakLoad::useHeldFile() {
     const FileClient::Piece piece = files_->read(held_[index], count);
     expect(piece.bytes == knownBytes_.substr(place, count), "other bytes are read");
     expect(piece.eof == (place + count > knownBytes_.size()), "another end of the file");
+    ++counts_["reads of files held open"];
     if (dice_.oneIn(3)) {
         files_->close(held_[index]);
         held_.erase(held_.begin() + static_cast<std::ptrdiff_t>(index));
@@ -282,9 +287,6 @@ void SoakLoad::useHeldFile() {
 
 void SoakLoad::transferFile() {
     VsockPeer* const peer = target_.vsockPeer();
-    if (peer == nullptr) {
-        return;
-    }
     const FileClient::Arguments size =
         dice_.oneIn(2) ? FileClient::Arguments{} : FileClient::Arguments{{"buffer-size", 5000}};
     if (dice_.oneIn(2)) {
@@ -304,14 +306,16 @@ void SoakLoad::transferFile() {
         expect(files_->awaitTransfer().count == bytes.size(), "not all was transferred");
         files_->close(handle);
         expect(files_->fetch(path("file"), 60'000) == bytes, "other bytes were written");
-        counts_["opens"]++;
+        ++counts_["opens"];
     }
-    counts_["opens"]++;
+    ++counts_["opens"];
+    ++counts_["transfers"];
 }
 
 void SoakLoad::setClock() {
     const auto now = exec_->ask("guest-get-time", {}).at("time").to_number<std::uint64_t>();
     exec_->ask("guest-set-time", {{"time", now}});
+    ++counts_["clocks set"];
 }
 
 // --- accounts -----------------------------------------------------------------------------------

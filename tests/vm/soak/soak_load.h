@@ -51,15 +51,17 @@ class SoakLoad {
     void startPrograms();
     void pollPrograms();
     void signalProgram();
-    void useProgramOnVsock();
-    void useProgramOnTerminal();
     void useFile();
     void useHeldFile();
-    void transferFile();
     void setClock();
     void vanish();
-    void vanishDuringTransfer();
     void comeAndGo();
+
+    // Only where there is a host at the vsock.
+    void useProgramOnVsock();
+    void useProgramOnTerminal();
+    void transferFile();
+    void vanishDuringTransfer();
 
     void resolve(const std::vector<Effect>& effects);
     bool takeEndIfEnded(std::size_t index);
@@ -78,7 +80,7 @@ class SoakLoad {
     std::unique_ptr<ExecClient> exec_;
     std::deque<Handle> held_;  ///< open on the file "in"
     std::size_t unsettled_ = 0;
-    std::map<std::string, std::size_t> counts_;
+    std::map<std::string, std::size_t> counts_;  ///< of what has been done
 };
 
 }  // namespace corvane::vm

@@ -115,6 +115,7 @@ void SoakLoad::vanish() {
         host_->receiveSome();
     }
     disconnect();
+    ++counts_["hosts that vanished"];
     connect();
     resolve(stream.effects());
 }
@@ -152,9 +153,6 @@ void SoakLoad::resolve(const std::vector<Effect>& effects) {
 
 void SoakLoad::vanishDuringTransfer() {
     VsockPeer* const peer = target_.vsockPeer();
-    if (peer == nullptr) {
-        return;
-    }
     const bool toHost = dice_.oneIn(2);
     const Handle handle = toHost ? files_->open("/dev/zero") : files_->open(path("file"), "w");
     files_->startTransfer(toHost ? Direction::read : Direction::write, handle, peer->listen());
@@ -167,10 +165,11 @@ void SoakLoad::vanishDuringTransfer() {
         }
     }
     disconnect();
+    ++counts_["hosts that vanished during a transfer"];
     peer->close();
     connect();
     files_->close(handle);
-    counts_["opens"]++;
+    ++counts_["opens"];
 }
 
 void SoakLoad::comeAndGo() {
@@ -183,6 +182,7 @@ void SoakLoad::comeAndGo() {
         }
         guest.disconnect();
         ++counts_["connections"];
+        ++counts_["hosts that came and went"];
     }
     connect();
 }
