@@ -18,6 +18,7 @@ class LocalAgent final : public vm::SoakTarget {
     ~LocalAgent() override;
 
     vm::HostClient connectHost() override { return vm::HostClient(directory_ + "/channel"); }
+    [[nodiscard]] bool channelLosesNothing() const override { return true; }
     std::string shell(const std::string& command) override;
     std::string processes() override;
     std::string zombies() override;

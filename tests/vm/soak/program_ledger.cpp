@@ -105,6 +105,56 @@ void ProgramLedger::takeEnd(const SoakProgram& program, const ProgramState& end)
     ++ends;
 }
 
+void ProgramLedger::takeStart(const SoakProgram& program, bool hasStarted) {
+    Starts& starts = startsOfVanished_[program.delivery];
+    ++starts.askedFor;
+    if (hasStarted) {
+        ++starts.made;
+        ++started;
+        ++adopted;
+    }
+    const bool mustNotStart = program.delivery == Delivery::cutOff;
+    const bool mustStart = program.delivery == Delivery::certain;
+    if (hasStarted ? mustNotStart : mustStart) {
+        std::ostringstream text;
+        text << "program " << program.number << " of a host that has vanished has "
+             << (hasStarted ? "started, though its request was cut off: "
+                            : "not started, though its request was delivered: ")
+             << program.arguments;
+        throw std::runtime_error(text.str().substr(0, 2000));
+    }
+}
+
+void ProgramLedger::checkLosses() const {
+    // Enough not to be lost by chance alone.
+    constexpr std::size_t enough = 20;
+    const auto found = startsOfVanished_.find(Delivery::atOnce);
+    if (found == startsOfVanished_.end() || found->second.askedFor < enough) {
+        return;
+    }
+    // QEMU has lost one of ten at most.
+    if (found->second.made * 4 < found->second.askedFor * 3) {
+        throw std::runtime_error("too few requests of vanished hosts are carried out:\n" +
+                                 startsOfVanished());
+    }
+}
+
+std::string ProgramLedger::startsOfVanished() const {
+    static const std::map<Delivery, const char*> names{
+        {Delivery::cutOff, "not sent whole"},
+        {Delivery::atOnce, "sent whole by hosts that left at once"},
+        {Delivery::unawaited, "sent whole behind one that was answered"},
+        {Delivery::certain, "delivered for certain"},
+    };
+    std::ostringstream text;
+    text << "starts that vanished hosts had asked for\n";
+    for (const auto& [delivery, starts] : startsOfVanished_) {
+        text << "  " << names.at(delivery) << ": " << starts.askedFor << ", of which "
+             << starts.made << " were made\n";
+    }
+    return text.str();
+}
+
 std::string ProgramLedger::mark(unsigned number) const {
     return "echo $$ >" + directory_ + "/started/" + std::to_string(number) + "; ";
 }

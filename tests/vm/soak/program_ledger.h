@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -11,6 +12,14 @@
 #include "tests/vm/support/exec_client.h"
 
 namespace corvane::vm {
+
+/// How far a request has come when its host vanishes.
+enum class Delivery {
+    cutOff,     ///< not all of it was sent: nothing may come of it
+    atOnce,     ///< sent whole, and the host left at once: the channel may have lost it
+    unawaited,  ///< sent whole behind one that the host saw answered: may be lost, too
+    certain,    ///< answered, or the channel loses nothing: it must be carried out
+};
 
 /// A program that has been asked for, and how it must end. It leaves a mark of its start: a file
 /// with its number as the name and its process id in it.
@@ -23,6 +32,7 @@ struct SoakProgram {
     std::optional<std::string> output = {};  ///< where it is captured
     bool mayHangUp = false;                  ///< its terminal, which may end it sooner
     bool sleeps = false;                     ///< until a signal ends it
+    Delivery delivery = Delivery::cutOff;    ///< where the host has vanished
 };
 
 /// Random programs, and the books about their ends.
@@ -42,18 +52,31 @@ class ProgramLedger {
     /// one.
     void takeEnd(const SoakProgram& program, const ProgramState& end);
 
+    /// Notes whether the program of a vanished host has started. Throws std::runtime_error when
+    /// that is not as its request was delivered.
+    void takeStart(const SoakProgram& program, bool hasStarted);
+    /// Throws std::runtime_error when so many whole requests of vanished hosts were lost that the
+    /// channel alone cannot have been the cause.
+    void checkLosses() const;
+    /// What has come of the requests of vanished hosts, a line each.
+    [[nodiscard]] std::string startsOfVanished() const;
+
     /// Whose process ids are known, and who have not been seen to end.
     std::deque<SoakProgram> running;
     /// Those that hosts have asked for who vanished before the answer.
     std::deque<SoakProgram> unseen;
 
-    std::size_t started = 0;       ///< all that have
-    std::size_t ends = 0;          ///< reported, each once
-    std::size_t adopted = 0;       ///< of those, started by a host that never got the pid
-    std::size_t lostEnds = 0;      ///< reported to a host that had vanished
-    std::size_t neverStarted = 0;  ///< the request of a vanished host did not get through
+    std::size_t started = 0;   ///< all that have
+    std::size_t ends = 0;      ///< reported, each once
+    std::size_t adopted = 0;   ///< of those, started by a host that never got the pid
+    std::size_t lostEnds = 0;  ///< reported to a host that had vanished
 
  private:
+    struct Starts {
+        std::size_t askedFor = 0;
+        std::size_t made = 0;
+    };
+
     [[nodiscard]] std::string mark(unsigned number) const;
     void choose(SoakProgram& program, std::size_t kind);
 
@@ -61,6 +84,7 @@ class ProgramLedger {
     std::string user_;
     Dice& dice_;
     unsigned lastNumber_ = 0;
+    std::map<Delivery, Starts> startsOfVanished_;
 };
 
 }  // namespace corvane::vm

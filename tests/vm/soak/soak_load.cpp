@@ -365,15 +365,13 @@ void SoakLoad::adoptUnseen() {
     }
     for (SoakProgram& program : std::exchange(ledger_.unseen, {})) {
         const auto found = pids.find(program.number);
-        if (found == pids.end()) {
-            ++ledger_.neverStarted;
-            continue;
+        ledger_.takeStart(program, found != pids.end());
+        if (found != pids.end()) {
+            program.pid = found->second;
+            ledger_.takeEnd(program, exec_->poll(program.pid));
         }
-        program.pid = found->second;
-        ledger_.takeEnd(program, exec_->poll(program.pid));
-        ++ledger_.started;
-        ++ledger_.adopted;
     }
+    ledger_.checkLosses();
     expect(target_.shell("ls " + target_.captureDirectory() + " 2>/dev/null | wc -l") == "0",
            "there are capture files of nobody");
 }
@@ -401,8 +399,8 @@ std::string SoakLoad::figures() const {
     std::ostringstream text;
     text << "programs started: " << ledger_.started << "\nends told once: " << ledger_.ends
          << "\n  of those, of programs whose host vanished before the answer: " << ledger_.adopted
-         << "\nends told to a host that had vanished: " << ledger_.lostEnds
-         << "\nstarts that vanished with their host: " << ledger_.neverStarted << '\n';
+         << "\nends told to a host that had vanished: " << ledger_.lostEnds << '\n'
+         << ledger_.startsOfVanished();
     for (const auto& [name, count] : counts_) {
         text << name << ": " << count << '\n';
     }

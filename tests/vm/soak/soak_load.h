@@ -64,6 +64,8 @@ class SoakLoad {
     void vanishDuringTransfer();
 
     void resolve(const std::vector<Effect>& effects);
+    void resolveClose(const Effect& effect);
+    void resolvePoll(const Effect& effect);
     bool takeEndIfEnded(std::size_t index);
     void adoptUnseen();
     void expect(bool truth, const std::string& what) const;

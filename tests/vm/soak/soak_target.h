@@ -17,6 +17,8 @@ class SoakTarget {
 
     /// A new host at the agent's channel. The one before must have left.
     virtual HostClient connectHost() = 0;
+    /// Whether the agent gets all that a host has sent, however soon after it the host leaves.
+    [[nodiscard]] virtual bool channelLosesNothing() const = 0;
     /// The output of a shell command beside the agent, without a final line feed. $agent is its
     /// process id. Throws when the command fails.
     virtual std::string shell(const std::string& command) = 0;

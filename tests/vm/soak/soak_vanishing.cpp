@@ -26,6 +26,7 @@ struct SoakLoad::Effect {
     enum class Kind { start, poll, close };
     Kind kind;
     std::size_t number;  ///< of the program, or the handle
+    Delivery delivery = Delivery::cutOff;
 };
 
 /// What a host sends before it vanishes.
@@ -45,20 +46,40 @@ class SoakLoad::Stream {
     void cut(std::size_t length) {
         bytes_.resize(length);
         std::erase_if(lineEnds_, [length](std::size_t end) { return end > length; });
-        std::erase_if(effects_, [length](const auto& entry) { return entry.first > length; });
     }
 
     [[nodiscard]] const std::string& bytes() const { return bytes_; }
     [[nodiscard]] bool getsAnAnswer() const { return !lineEnds_.empty(); }
-    [[nodiscard]] std::vector<Effect> effects() const {
+    /// All that were meant to be, and how each was delivered to an agent that has given these
+    /// `answers` before the host left.
+    [[nodiscard]] std::vector<Effect> effects(std::string_view answers,
+                                              bool channelLosesNothing) const {
+        const std::size_t taken = takenBefore(std::ranges::count(answers, '\n'));
         std::vector<Effect> all;
-        for (const auto& [end, effect] : effects_) {
+        for (auto [end, effect] : effects_) {
+            if (end > bytes_.size()) {
+                effect.delivery = Delivery::cutOff;
+            } else if (channelLosesNothing || end <= taken) {
+                effect.delivery = Delivery::certain;
+            } else {
+                effect.delivery = answers.empty() ? Delivery::atOnce : Delivery::unawaited;
+            }
             all.push_back(effect);
         }
         return all;
     }
 
  private:
+    /// How many bytes the agent has had, at least, when it has given so many answers: not every
+    /// line has one, but none has two.
+    [[nodiscard]] std::size_t takenBefore(std::ptrdiff_t answers) const {
+        std::size_t taken = 0;
+        for (; answers > 0; --answers) {
+            taken = bytes_.find('\n', taken) + 1;
+        }
+        return taken;
+    }
+
     std::string bytes_;
     std::vector<std::size_t> lineEnds_;
     std::vector<std::pair<std::size_t, Effect>> effects_;
@@ -111,44 +132,65 @@ void SoakLoad::vanish() {
     }
     stream.cut(dice_.oneIn(4) ? stream.bytes().size() : dice_.below(stream.bytes().size() + 1));
     host_->sendWhileReceiving(stream.bytes());
+    std::string answers;
     if (stream.getsAnAnswer() && dice_.oneIn(2)) {
-        host_->receiveSome();
+        answers = host_->receiveSome();
     }
     disconnect();
     ++counts_["hosts that vanished"];
     connect();
-    resolve(stream.effects());
+    resolve(stream.effects(answers, target_.channelLosesNothing()));
 }
 
 /// What can be known at once of what a vanished host has done.
 void SoakLoad::resolve(const std::vector<Effect>& effects) {
     for (const Effect& effect : effects) {
-        if (effect.kind == Effect::Kind::close) {
-            const std::string refusal =
-                files_->refusalOf("guest-file-flush", {{"handle", effect.number}});
-            expect(refusal.empty() || refusal == "handle is not a valid file", refusal);
-            if (!refusal.empty()) {
-                std::erase(held_, effect.number);
-            }
-        } else if (effect.kind == Effect::Kind::poll) {
-            const auto program =
-                std::ranges::find(ledger_.running, effect.number, &SoakProgram::number);
-            if (program == ledger_.running.end()) {
-                continue;  // asked for twice
-            }
-            try {
-                const ProgramState state = exec_->poll(program->pid);
-                if (!state.exited) {
-                    continue;
-                }
-                ledger_.takeEnd(*program, state);
-            } catch (const RequestRefused& refused) {
-                expect(std::string(refused.what()) == "invalid PID", refused.what());
-                ++ledger_.lostEnds;
-            }
-            ledger_.running.erase(program);
+        switch (effect.kind) {
+            case Effect::Kind::start:
+                std::ranges::find(ledger_.unseen, effect.number, &SoakProgram::number)->delivery =
+                    effect.delivery;
+                break;
+            case Effect::Kind::close:
+                resolveClose(effect);
+                break;
+            case Effect::Kind::poll:
+                resolvePoll(effect);
+                break;
         }
     }
+}
+
+void SoakLoad::resolveClose(const Effect& effect) {
+    if (std::ranges::find(held_, effect.number) == held_.end()) {
+        return;  // asked for twice
+    }
+    const std::string refusal = files_->refusalOf("guest-file-flush", {{"handle", effect.number}});
+    if (refusal.empty()) {
+        expect(effect.delivery != Delivery::certain, "a file is open that was closed");
+        return;
+    }
+    expect(refusal == "handle is not a valid file", refusal);
+    expect(effect.delivery != Delivery::cutOff, "a file is closed by part of a request");
+    std::erase(held_, effect.number);
+}
+
+void SoakLoad::resolvePoll(const Effect& effect) {
+    const auto program = std::ranges::find(ledger_.running, effect.number, &SoakProgram::number);
+    if (program == ledger_.running.end()) {
+        return;  // asked for twice
+    }
+    try {
+        const ProgramState state = exec_->poll(program->pid);
+        if (!state.exited) {
+            return;
+        }
+        ledger_.takeEnd(*program, state);
+    } catch (const RequestRefused& refused) {
+        expect(std::string(refused.what()) == "invalid PID", refused.what());
+        expect(effect.delivery != Delivery::cutOff, "part of a request has taken an end");
+        ++ledger_.lostEnds;
+    }
+    ledger_.running.erase(program);
 }
 
 void SoakLoad::vanishDuringTransfer() {
