@@ -23,6 +23,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "commands/all_commands.h"
 #include "commands/exec/reaper.h"
@@ -173,8 +174,31 @@ class UnixVsock final : public VsockSockets {
     ::_exit(EXIT_FAILURE);
 }
 
-/// The agent's programs and nobody else's have it in their environment, with the directory.
-constexpr char mark[] = "CORVANE_SOAK_DIRECTORY";
+/// All processes that descend from one, however they came to do so.
+std::vector<pid_t> descendantsOf(pid_t ancestor) {
+    std::vector<pid_t> found;
+    std::error_code error;
+    const std::string tasks = "/proc/" + std::to_string(ancestor) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+        std::ifstream children(task.path() / "children");
+        for (pid_t child = 0; children >> child;) {
+            found.push_back(child);
+            const std::vector<pid_t> further = descendantsOf(child);
+            found.insert(found.end(), further.begin(), further.end());
+        }
+    }
+    return found;
+}
+
+bool hasEnded(pid_t process) {
+    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("State:")) {
+            return line.find('Z') != std::string::npos;
+        }
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -184,7 +208,7 @@ LocalAgent::LocalAgent() {
         throw std::system_error(errno, std::generic_category(), "mkdtemp");
     }
     directory_ = name;
-    // What the agent's programs leave behind comes to us.
+    // What the agent's programs leave behind comes to us, so that all of it descends from us.
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     std::filesystem::create_directory(captureDirectory());
     std::filesystem::permissions(captureDirectory(), std::filesystem::perms::owner_all);
@@ -199,7 +223,6 @@ LocalAgent::LocalAgent() {
                                   O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         ::dup2(errors, STDERR_FILENO);
         ::close(errors);
-        ::setenv(mark, directory_.c_str(), 1);
         serve(directory_, std::move(listener));
     }
 }
@@ -234,13 +257,11 @@ std::string LocalAgent::shell(const std::string& command) {
 }
 
 std::string LocalAgent::processes() {
-    return shell("grep -lsz '^" + std::string(mark) + '=' + directory_ +
-                 "$' /proc/[0-9]*/environ | cat - /proc/$agent/task/*/children | wc -w");
+    return std::to_string(descendantsOf(::getpid()).size());
 }
 
 std::string LocalAgent::zombies() {
-    return shell("grep -lsE '^PPid:.($agent|" + std::to_string(::getpid()) +
-                 ")$' /proc/[0-9]*/status | xargs -r grep -ls '^State:.Z' | wc -l");
+    return std::to_string(std::ranges::count_if(descendantsOf(::getpid()), hasEnded));
 }
 
 vm::Descriptor LocalAgent::listenAtVsock(unsigned port) const {

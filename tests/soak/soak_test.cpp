@@ -3,6 +3,7 @@
 // CORVANE_SOAK_SECONDS, CORVANE_SOAK_SEED.
 
 #include <signal.h>
+#include <sys/wait.h>
 
 #include <chrono>
 #include <iostream>
@@ -69,6 +70,25 @@ class Soak : public testing::Test {
     Dice dice_{seed_};
     vm::TrafficRecord record_;
 };
+
+TEST_F(Soak, WhatAProgramLeavesBehindIsCountedWhateverItsEnvironment) {
+    HostClient host = connect();
+    ExecClient exec(host);
+    ASSERT_EQ(agent_.processes(), "1");
+    ExecClient::Arguments program = vm::shellCommand("sleep 1000 & echo $!");
+    program["capture-output"] = true;
+    program["env"] = {"PATH=/usr/bin:/bin"};
+    const ProgramState end = exec.awaitExit(exec.start(program));
+    const pid_t orphan = std::stoi(end.output.value());
+    EXPECT_EQ(agent_.processes(), "2");
+    EXPECT_EQ(agent_.zombies(), "0");
+    ::kill(orphan, SIGKILL);
+    siginfo_t ended{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(orphan), &ended, WEXITED | WNOWAIT), 0);
+    EXPECT_EQ(agent_.zombies(), "1");
+    ASSERT_EQ(::waitpid(orphan, nullptr, 0), orphan);
+    EXPECT_EQ(agent_.processes(), "1");
+}
 
 /// A program that ends at once, and how.
 struct ShortProgram {
