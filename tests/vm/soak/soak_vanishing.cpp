@@ -130,7 +130,17 @@ void SoakLoad::vanish() {
                 stream.addLine(randomQuestion(dice_).line);
         }
     }
-    stream.cut(dice_.oneIn(4) ? stream.bytes().size() : dice_.below(stream.bytes().size() + 1));
+    const std::size_t size = stream.bytes().size();
+    switch (dice_.below(8)) {
+        case 0:
+        case 1:
+            break;
+        case 2:
+            stream.cut(size == 0 ? 0 : size - 1);  // most often a line feed
+            break;
+        default:
+            stream.cut(dice_.below(size + 1));
+    }
     host_->sendWhileReceiving(stream.bytes());
     std::string answers;
     if (stream.getsAnAnswer() && dice_.oneIn(2)) {
