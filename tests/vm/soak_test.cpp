@@ -20,8 +20,9 @@ class GuestUnderLoad final : public SoakTarget {
         return machine_.shell().check("agent=$(service pid); " + command, std::chrono::minutes(10));
     }
     std::string processes() override {
-        // Those of the kernel come and go, and have no memory.
-        return shell("grep -ls '^VmSize' /proc/[0-9]*/status | wc -l");
+        // Those of the kernel come and go, and have no memory. Not through a pipe: its other end
+        // may or may not be there yet when the processes are looked for.
+        return shell("set -- $(grep -ls '^VmSize' /proc/[0-9]*/status); echo $#");
     }
     std::string zombies() override {
         return shell("grep -ls '^State:.Z' /proc/[0-9]*/status | wc -l");
