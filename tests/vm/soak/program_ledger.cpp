@@ -132,7 +132,7 @@ void ProgramLedger::checkLosses() const {
     if (found == startsOfVanished_.end() || found->second.askedFor < enough) {
         return;
     }
-    // QEMU has lost one in ten at most.
+    // QEMU has lost up to 13 in 100.
     if (found->second.made * 2 < found->second.askedFor) {
         throw std::runtime_error("too few requests of vanished hosts are carried out:\n" +
                                  startsOfVanished());
