@@ -14,6 +14,9 @@
 namespace corvane::vm {
 namespace {
 
+/// Six answers of so many bytes fit into a socket of the host's.
+constexpr std::size_t littleUnread = 10'000;
+
 std::string requestLine(std::string_view command, const ExecClient::Arguments& arguments) {
     return boost::json::serialize(
         boost::json::object{{"execute", command}, {"arguments", arguments}});
@@ -86,6 +89,10 @@ class SoakLoad::Stream {
 };
 
 void SoakLoad::vanish() {
+    const bool leavesMuchUnread = dice_.oneIn(8) && target_.mayLeaveMuchUnread();
+    const auto isTooMuch = [leavesMuchUnread](const std::string& text) {
+        return text.size() > littleUnread && !leavesMuchUnread;
+    };
     Stream stream;
     for (std::size_t count = dice_.between(1, 6); count > 0; --count) {
         switch (dice_.below(8)) {
@@ -103,8 +110,10 @@ void SoakLoad::vanish() {
                 if (!ledger_.running.empty()) {
                     const SoakProgram& program =
                         ledger_.running[dice_.below(ledger_.running.size())];
-                    stream.addRequest(requestLine("guest-exec-status", {{"pid", program.pid}}),
-                                      {Effect::Kind::poll, program.number});
+                    if (!isTooMuch(program.output.value_or(""))) {
+                        stream.addRequest(requestLine("guest-exec-status", {{"pid", program.pid}}),
+                                          {Effect::Kind::poll, program.number});
+                    }
                 }
                 break;
             case 4:
@@ -117,8 +126,10 @@ void SoakLoad::vanish() {
                         stream.addLine(
                             requestLine("guest-file-seek",
                                         {{"handle", handle}, {"offset", 0}, {"whence", "set"}}));
-                        stream.addLine(requestLine("guest-file-read",
-                                                   {{"handle", handle}, {"count", 100'000}}));
+                        stream.addLine(requestLine(
+                            "guest-file-read",
+                            {{"handle", handle},
+                             {"count", leavesMuchUnread ? 10 * littleUnread : littleUnread}}));
                     }
                 }
                 break;
@@ -127,7 +138,9 @@ void SoakLoad::vanish() {
                                                  : R"({"execute":"guest-)");
                 break;
             default:
-                stream.addLine(randomQuestion(dice_).line);
+                if (const std::string line = randomQuestion(dice_).line; !isTooMuch(line)) {
+                    stream.addLine(line);
+                }
         }
     }
     const std::size_t size = stream.bytes().size();
