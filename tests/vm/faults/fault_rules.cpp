@@ -115,7 +115,7 @@ const std::vector<FaultRule> rules = {
      .log = otherEnvironment},
     // What other devices belong to does not matter.
     {opening, "main @(openat|newfstatat|getdents64) /sys/class/tty"},
-    {.scenarios = opening, .call = "main @(openat|read|readlink) /sys/*", .sampled = true},
+    {.scenarios = opening, .call = "main @(openat|read|readlink) /sys*", .sampled = true},
 
     // The threads. Without the one of the log the next entry starts it. That of the power button
     // is given up; that of the reaper, too, without a word.
