@@ -16,6 +16,7 @@ namespace corvane {
 namespace {
 
 constexpr auto patienceForRoom = std::chrono::milliseconds(100);
+constexpr auto gatheringTime = std::chrono::milliseconds(10);
 constexpr auto patienceAtTheEnd = std::chrono::seconds(1);
 
 struct Entry {
@@ -41,6 +42,10 @@ class QueuedLog::Queue {
         const auto fits = [this, size = entry.size()] {
             return size_ == 0 || size_ + size <= capacity;
         };
+        if (!fits()) {
+            urgent_ = true;
+            work_.notify_one();
+        }
         if (!stuck_) {
             stuck_ = !changed_.wait_for(lock, patienceForRoom, fits);
         }
@@ -49,9 +54,14 @@ class QueuedLog::Queue {
             return;
         }
         const std::size_t size = entry.size();
+        const bool isFirst = entries_.empty();
+        const bool wasUrgent = isUrgent();
+        urgent_ = urgent_ || entry.category == LogCategory::status;
         entries_.push_back(std::move(entry));
         size_ += size;
-        work_.notify_one();
+        if (isFirst || isUrgent() != wasUrgent) {
+            work_.notify_one();
+        }
     }
 
     void addLost() noexcept {
@@ -71,11 +81,18 @@ class QueuedLog::Queue {
         auto lock = this->lock();
         for (;;) {
             work_.wait(lock, [this] { return lost_ > 0 || !entries_.empty() || closing_; });
-            if (lost_ > 0) {
-                tellLost(lock);
-            } else if (!entries_.empty()) {
-                handOver(lock);
-            } else {
+            // Where requests come in a row, being woken for each of their entries would cost them
+            // more than the entries do.
+            work_.wait_for(lock, gatheringTime, [this] { return isUrgent(); });
+            while (lost_ > 0 || !entries_.empty()) {
+                if (lost_ > 0) {
+                    tellLost(lock);
+                } else {
+                    handOver(lock);
+                }
+            }
+            urgent_ = false;
+            if (closing_) {
                 break;
             }
         }
@@ -106,6 +123,11 @@ class QueuedLog::Queue {
         noteProgress();
     }
 
+    /// Whether the thread is not to wait for more.
+    [[nodiscard]] bool isUrgent() const noexcept {
+        return urgent_ || lost_ > 0 || closing_ || size_ > capacity / 4;
+    }
+
     void noteProgress() {
         stuck_ = false;
         changed_.notify_all();
@@ -118,7 +140,8 @@ class QueuedLog::Queue {
     std::deque<Entry> entries_;
     std::size_t size_ = 0;  ///< of the entries, the one in the sink's hands included
     std::size_t lost_ = 0;
-    bool stuck_ = false;  ///< the sink has taken nothing since an entry waited in vain
+    bool stuck_ = false;   ///< the sink has taken nothing since an entry waited in vain
+    bool urgent_ = false;  ///< there is a status entry
     bool closing_ = false;
     bool ended_ = false;
 };

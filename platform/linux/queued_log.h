@@ -9,7 +9,8 @@ namespace corvane {
 
 /// A system log that never holds up who writes to it. The logs of the system may block for as long
 /// as their daemons hang; here only a thread of its own, with all signals blocked, writes to the
-/// sink. Entries reach it in the order in which they were written.
+/// sink. Entries reach it in the order in which they were written, those of transactions within
+/// some milliseconds, so that the thread is not woken for each.
 ///
 /// Entries wait in a queue of about `capacity` bytes; a longer one is taken when all before it are
 /// done. When there is no room, write() waits a tenth of a second for it and then drops the entry,
