@@ -111,6 +111,9 @@ TEST_F(ChannelDeviceTest, AWaitThatFailsIsNoEndOfTheInput) {
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit before = limit;
     limit.rlim_cur = 0;  // more descriptors than may be open cannot be waited on
+    // A sanitizer looks at the objects when they are first used, with descriptors.
+    ASSERT_EQ(::write(peer_.borrow(), "first\n", 6), 6);
+    ASSERT_EQ(receiveText(ours_.borrow()), "first\n");
     ASSERT_EQ(::write(peer_.borrow(), "ping\n", 5), 5);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     pollfd waited{ours_.borrow(), POLLIN, 0};
