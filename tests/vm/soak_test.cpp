@@ -39,9 +39,10 @@ class GuestUnderLoad final : public SoakTarget {
  private:
     VirtualMachine& machine_;
     VsockPeer vsockPeer_;
-    /// Of the port's 128 buffers QEMU loses one with each host that leaves while it keeps a part of
-    /// an answer for it; without any, the port takes no output until the guest starts anew.
-    int buffersToLose_ = 100;
+    /// Of the port's 128 buffers QEMU loses one with each host that leaves while it is passing on a
+    /// write; without any, the port takes no output until the guest starts anew. Those who leave
+    /// little unread seldom cost one, but there are thousands of them.
+    int buffersToLose_ = 30;
 };
 
 /// A guest of its own. Its log stays in the guest, in memory: writing it to the console would take

@@ -165,7 +165,7 @@ TEST_F(CommandWithoutMemory, TerminalIsResizedWhenThatIsTold) {
     ++descriptors_;
     const std::string name = ::ptsname(master.borrow());
     fakes_.processInformation.inputs[::getpid()] = {name, name};
-    const std::string line =
+    std::string line =
         request("mirel-guest-signal-pid", R"({"signal":28,"pid":)" + std::to_string(::getpid()) +
                                               R"(,"mirel-window-size":{"rows":30,"columns":100}})");
     expectConsistency("resize", {[&line, &master] {

@@ -15,7 +15,7 @@ namespace corvane::vm {
 namespace {
 
 /// Six answers of so many bytes fit into a socket of the host's.
-constexpr std::size_t littleUnread = 10'000;
+constexpr std::size_t littleUnread = 2000;
 
 std::string requestLine(std::string_view command, const ExecClient::Arguments& arguments) {
     return boost::json::serialize(
@@ -129,7 +129,7 @@ void SoakLoad::vanish() {
                         stream.addLine(requestLine(
                             "guest-file-read",
                             {{"handle", handle},
-                             {"count", leavesMuchUnread ? 10 * littleUnread : littleUnread}}));
+                             {"count", leavesMuchUnread ? 50 * littleUnread : littleUnread}}));
                     }
                 }
                 break;
