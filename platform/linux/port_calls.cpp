@@ -48,7 +48,7 @@ PortCalls::OutputState DescriptorPortCalls::waitForOutput() {
     pollfd waited{descriptor_, POLLOUT, 0};
     while (::poll(&waited, 1, -1) < 0) {
         if (errno != EINTR) {
-            return OutputState::failed;
+            return OutputState::ready;
         }
     }
     if ((waited.revents & POLLOUT) != 0) {

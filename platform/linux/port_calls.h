@@ -30,7 +30,8 @@ class PortCalls {
 
     enum class OutputState { ready, hostGone, failed };
 
-    /// Waits until the port takes output or has no host.
+    /// Waits until the port takes output or has no host. When the wait fails, for want of memory,
+    /// it is ready: the write does not block, and says itself whether it can be done.
     virtual OutputState waitForOutput() = 0;
 
     enum class Change { happened, none, failed };

@@ -189,9 +189,13 @@ char stateOf(pid_t pid) {
     return stat.empty() ? '?' : stat[stat.rfind(')') + 2];
 }
 
-/// How many of a thousand looks find the process asleep.
+/// How many of a thousand looks find the process asleep, from the first such on: until then a busy
+/// machine may have had no time for it.
 int sleepsOf(pid_t pid) {
     int sleeps = 0;
+    while (stateOf(pid) != 'S') {
+        ::sched_yield();
+    }
     for (int looks = 0; looks < 1000; ++looks) {
         sleeps += stateOf(pid) == 'S' ? 1 : 0;
         ::sched_yield();

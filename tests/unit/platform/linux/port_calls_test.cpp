@@ -1,8 +1,10 @@
 #include "platform/linux/port_calls.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -56,6 +58,22 @@ TEST_F(PortCallsTest, ADescriptorThatIsNoneHasNoHost) {
     EXPECT_FALSE(closed.hostIsThere());
     EXPECT_EQ(closed.waitForOutput(), PortCalls::OutputState::failed);
     EXPECT_EQ(none.waitForChange(PortCalls::noLimit), PortCalls::Change::failed);
+}
+
+TEST_F(PortCallsTest, OutputIsTriedWhenTheWaitForItFails) {
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit none = before;
+    none.rlim_cur = 0;  // more descriptors than may be open cannot be waited on
+    EXPECT_EQ(calls_->waitForOutput(), PortCalls::OutputState::ready);
+    PortCalls& calls = *calls_;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    pollfd waited{guest_.borrow(), POLLOUT, 0};
+    const int outcome = ::poll(&waited, 1, 0);
+    const PortCalls::OutputState state = calls.waitForOutput();
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(outcome, -1) << "the wait does not fail";
+    EXPECT_EQ(state, PortCalls::OutputState::ready);
 }
 
 TEST_F(PortCallsTest, AChangeThatCameBeforeTheWaitEndsIt) {
