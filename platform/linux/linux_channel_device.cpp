@@ -88,13 +88,12 @@ LinuxChannelDevice::LinuxChannelDevice(std::string sysRoot) : sysRoot_(std::move
 LinuxChannelDevice::~LinuxChannelDevice() = default;
 
 SystemResult<DescriptorGuard> LinuxChannelDevice::openSerial(const char* path) {
-    struct stat status {};
-    if (parked_ && ::stat(path, &status) == 0 && S_ISCHR(status.st_mode) &&
-        status.st_rdev == parked_->number) {
+    if (parked_ && isParked(path)) {
         return takeParked();
     }
     parked_.reset();
 
+    struct stat status {};
     int descriptor = -1;
     do {
         descriptor = ::open(path, serialOpenFlags);
@@ -110,6 +109,17 @@ SystemResult<DescriptorGuard> LinuxChannelDevice::openSerial(const char* path) {
         return adoptPort(std::move(opened), status.st_rdev);
     }
     return opened;
+}
+
+/// Whether the port that is kept stands at the path. What cannot be looked at for want of memory,
+/// or of a disk that answers, is taken for it: closing the port would throw away what the next host
+/// has sent.
+bool LinuxChannelDevice::isParked(const char* path) const {
+    struct stat status {};
+    if (::stat(path, &status) != 0) {
+        return errno == ENOMEM || errno == EIO;
+    }
+    return S_ISCHR(status.st_mode) && status.st_rdev == parked_->number;
 }
 
 SystemResult<DescriptorGuard> LinuxChannelDevice::takeParked() {

@@ -69,7 +69,7 @@ const std::vector<FaultRule> rules = {
      .call = "main @(openat|newfstatat|getdents64) /sys/class",
      .outcome = "exit 1",
      .log = otherEnvironment},
-    // A port that was kept, and cannot be recognised, is opened anew.
+    // A port that was kept is taken again, though it could not be looked at.
     {"reconnect", "main newfstatat /dev/tty.org.qemu.guest_agent.#", "done", "any", 1, 1},
     {.scenarios = opening,
      .call = "main newfstatat /dev/tty.org.qemu.guest_agent.#",
