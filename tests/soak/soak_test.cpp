@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include <boost/json/array.hpp>
 #include <gtest/gtest.h>
 
 #include "tests/soak/local_agent.h"
@@ -77,7 +78,7 @@ TEST_F(Soak, WhatAProgramLeavesBehindIsCountedWhateverItsEnvironment) {
     const int before = std::stoi(agent_.processes());
     ExecClient::Arguments program = vm::shellCommand("sleep 1000 & echo $!");
     program["capture-output"] = true;
-    program["env"] = {"PATH=/usr/bin:/bin"};
+    program["env"] = boost::json::array{"PATH=/usr/bin:/bin"};
     const ProgramState end = exec.awaitExit(exec.start(program));
     const pid_t orphan = std::stoi(end.output.value());
     EXPECT_EQ(std::stoi(agent_.processes()), before + 1);

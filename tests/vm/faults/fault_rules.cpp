@@ -241,7 +241,7 @@ const std::vector<FaultRule> rules = {
      "any", 1, 1},
     {"transfer*", "main poll socket", "done", "EINTR"},
     {"transfer*", "main @(connect|getsockopt|poll) socket",
-     "failed to connect to 2:#: with error: TEXT"},
+     "failed to connect to 2:# with error: TEXT"},
     {"transfer*", "main close socket", "failed to close socket with error: TEXT"},
     // A source that fails counts as one that ends.
     {"transfer*", "main read *", "done", "short"},
@@ -252,6 +252,7 @@ const std::vector<FaultRule> rules = {
 
     // The machine.
     {"interfaces", "main close *"},
+    {"interfaces", "main @(sendto|recvmsg) *", "done", "EINTR"},
     {"interfaces", "main @(socket|bind|getsockname|sendto|recvmsg) *", "getifaddrs error ERRNO"},
     {"info", "main close *"},
     // What cannot be made at the moment is not listed.

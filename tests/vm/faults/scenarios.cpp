@@ -30,6 +30,9 @@ value endOf(FaultBench& bench, const value& pid, int exitCode = 0) {
     bench.awaitEndOf(pid.to_number<pid_t>());
     value result = bench.ask("guest-exec-status", {{"pid", pid}});
     expect(result.at("exited").as_bool(), "not exited");
+    if (const value* signal = result.as_object().if_contains("signal")) {
+        throw Deviation("signal " + std::to_string(signal->to_number<int>()));
+    }
     const value& code = result.at("exitcode");
     expect(code == exitCode, "exitcode " + std::to_string(code.to_number<int>()));
     return result;
