@@ -83,7 +83,7 @@ constexpr CallErrors table[] = {
     {"unlink", "EIO ENOMEM"},
     {"wait4", ""},  // EINTR only without WNOHANG
     {"write /dev/vport", "EAGAIN EINTR EIO short"},
-    {"write /dev/ptmx", "EAGAIN EINTR EIO short"},
+    {"write /dev/ptmx", "EAGAIN EINTR short"},  // EIO comes with the hang-up alone
     {"write socket", "EAGAIN EINTR EIO ENOMEM EPIPE short"},
     {"write pipe", "EINTR EPIPE short"},
     {"write", "EINTR EIO ENOSPC short"},
