@@ -19,6 +19,7 @@ class LocalAgent final : public vm::SoakTarget {
 
     vm::HostClient connectHost() override { return vm::HostClient(directory_ + "/channel"); }
     [[nodiscard]] bool channelLosesNothing() const override { return true; }
+    bool mayLeaveUnread() override { return true; }
     bool mayLeaveMuchUnread() override { return true; }
     std::string shell(const std::string& command) override;
     std::string processes() override;

@@ -19,8 +19,9 @@ class SoakTarget {
     virtual HostClient connectHost() = 0;
     /// Whether the agent gets all that a host has sent, however soon after it the host leaves.
     [[nodiscard]] virtual bool channelLosesNothing() const = 0;
-    /// Asked for each host that is to leave with more unread than a socket takes: whether the
-    /// channel bears another one.
+    /// Asked for each host that is to leave with answers unread, or with more of them than a socket
+    /// takes: whether the channel bears another one.
+    virtual bool mayLeaveUnread() = 0;
     virtual bool mayLeaveMuchUnread() = 0;
     /// The output of a shell command beside the agent, without a final line feed. $agent is its
     /// process id. Throws when the command fails.
