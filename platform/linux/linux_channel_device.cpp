@@ -111,9 +111,9 @@ SystemResult<DescriptorGuard> LinuxChannelDevice::openSerial(const char* path) {
     return opened;
 }
 
-/// Whether the port that is kept stands at the path. What cannot be looked at for want of memory,
-/// or of a disk that answers, is taken for it: closing the port would throw away what the next host
-/// has sent.
+/// Whether the port that is kept stands at the path. Where that cannot be told, for want of memory
+/// or after a read error, it is taken to do so: closing the port would throw away what the next
+/// host has sent.
 bool LinuxChannelDevice::isParked(const char* path) const {
     struct stat status {};
     if (::stat(path, &status) != 0) {

@@ -141,7 +141,7 @@ class QueuedLog::Queue {
     std::size_t size_ = 0;  ///< of the entries, the one in the sink's hands included
     std::size_t lost_ = 0;
     bool stuck_ = false;   ///< the sink has taken nothing since an entry waited in vain
-    bool urgent_ = false;  ///< there is a status entry
+    bool urgent_ = false;  ///< there is a status entry, or a writer waits for room
     bool closing_ = false;
     bool ended_ = false;
 };
