@@ -29,8 +29,8 @@ class SocketChannelDevice final : public ChannelDevice {
     SystemResult<DescriptorGuard> openSerial(const char* path) override;
     int claimExclusive(int /*descriptor*/) override { return 0; }
     int clearStatusFlags(int /*descriptor*/) override { return 0; }
-    ssize_t receive(int descriptor, std::span<char> buffer) override {
-        return device_.receive(descriptor, buffer);
+    ssize_t receive(int descriptor, std::span<char> buffer, int patience) override {
+        return device_.receive(descriptor, buffer, patience);
     }
     void send(int descriptor, std::span<const std::string_view> pieces) noexcept override {
         device_.send(descriptor, pieces);

@@ -1,8 +1,7 @@
 #include "core/read_loop.h"
 
-#include <poll.h>
-
 #include <algorithm>
+#include <cerrno>
 #include <new>
 #include <string_view>
 #include <thread>
@@ -68,8 +67,7 @@ void ReadLoop::run() {
 }
 
 void ReadLoop::pass() {
-    trimHeapWhenDue();
-    const ssize_t received = platform().channelDevice.receive(channelDescriptor(), readBuffer_);
+    const ssize_t received = receive();
     if (received <= 0) {
         followEndedChannel();
         return;
@@ -88,33 +86,42 @@ void ReadLoop::pass() {
 /// Large messages come in numbers: the next one uses the memory of the one before. It goes back
 /// when nothing has come for a moment, when the host is gone, and now and then while it goes on
 /// asking.
-void ReadLoop::trimHeapWhenDue() {
-    // Without a channel there is nothing to wait for.
-    if (!heapMayHaveGrown_ || moreIsLikely_ || channelDescriptor() < 0) {
-        return;
+ssize_t ReadLoop::receive() {
+    ChannelDevice& device = platform().channelDevice;
+    if (heapMayHaveGrown_ && (moreIsLikely_ || Clock::now() < trimmedAt_ + trimInterval)) {
+        const ssize_t received =
+            device.receive(channelDescriptor(), readBuffer_, idleMilliseconds);
+        if (received > 0) {
+            return received;
+        }
+        const bool ended = received == 0 || errno != EAGAIN;
+        giveMemoryBack();
+        if (ended) {
+            return received;
+        }
     }
-    const auto now = std::chrono::steady_clock::now();
-    pollfd waited{channelDescriptor(), POLLIN, 0};
-    if (now < trimmedAt_ + trimInterval) {
-        ::poll(&waited, 1, idleMilliseconds);
+    if (heapMayHaveGrown_) {
+        giveMemoryBack();
     }
-    if (waited.revents != POLLIN) {
-        trimHeap();
-        heapMayHaveGrown_ = false;
-        trimmedAt_ = now;
-    }
+    return device.receive(channelDescriptor(), readBuffer_);
+}
+
+void ReadLoop::giveMemoryBack() {
+    trimHeap();
+    heapMayHaveGrown_ = false;
+    trimmedAt_ = Clock::now();
 }
 
 void ReadLoop::followEndedChannel() {
     logStatus(false, "The connection has ended.\n");
     const auto spanEnd = openedAt_ + silentChannelSpan;
-    const bool endedAtOnce = channelIsSilent_ && std::chrono::steady_clock::now() < spanEnd;
+    const bool endedAtOnce = channelIsSilent_ && Clock::now() < spanEnd;
     silentChannels_ = endedAtOnce ? silentChannels_ + 1 : 0;
     if (silentChannels_ > silentChannelLimit) {
         std::this_thread::sleep_until(spanEnd);
     }
     reopenChannel();
-    openedAt_ = std::chrono::steady_clock::now();
+    openedAt_ = Clock::now();
     channelIsSilent_ = true;
 }
 

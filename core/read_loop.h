@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <chrono>
 #include <cstddef>
@@ -29,7 +31,10 @@ class ReadLoop {
     void pass();
 
  private:
-    void trimHeapWhenDue();
+    using Clock = std::chrono::steady_clock;
+
+    ssize_t receive();
+    void giveMemoryBack();
     void followEndedChannel();
     void takeInput(std::span<const char> bytes);
     std::optional<RequestLine> nextLine();
@@ -48,9 +53,9 @@ class ReadLoop {
 
     bool heapMayHaveGrown_ = false;  ///< by input, since it was trimmed
     bool moreIsLikely_ = false;      ///< the last input has filled the buffer
-    std::chrono::steady_clock::time_point trimmedAt_ = std::chrono::steady_clock::now();
+    Clock::time_point trimmedAt_ = Clock::now();
 
-    std::chrono::steady_clock::time_point openedAt_ = std::chrono::steady_clock::now();
+    Clock::time_point openedAt_ = Clock::now();
     bool channelIsSilent_ = true;  ///< has brought no byte yet
     int silentChannels_ = 0;       ///< in a row, each ended within a second in silence
 };

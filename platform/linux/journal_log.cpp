@@ -5,6 +5,7 @@
 #include "platform/linux/journal_log.h"
 
 #include <sys/uio.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <array>
@@ -19,8 +20,10 @@ namespace {
 // wants another log then has to look for himself.
 constexpr char journalSocketPath[] = "/run/systemd/journal/socket";
 
-bool journalReachable() noexcept {
-    return ::access(journalSocketPath, F_OK) == 0;
+std::int64_t secondsNow() noexcept {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec;
 }
 
 std::string_view priorityField(LogCategory category) noexcept {
@@ -43,13 +46,25 @@ void JournalLog::createCategories(const char* identifier) {
     syslog_.createCategories(identifier);
 }
 
+/// Looking is dear beside the rest of a small request, which has two entries of transactions: for
+/// these a journal that was there counts as there for the rest of the second.
+bool JournalLog::journalReachable(LogCategory category) const noexcept {
+    const std::int64_t now = secondsNow();
+    if (category == LogCategory::transactions && seenAt_ == now) {
+        return true;
+    }
+    const bool isThere = ::access(journalSocketPath, F_OK) == 0;
+    seenAt_ = isThere ? now : never;
+    return isThere;
+}
+
 bool JournalLog::records(LogCategory category) const {
-    return journalReachable() || syslog_.records(category);
+    return journalReachable(category) || syslog_.records(category);
 }
 
 void JournalLog::write(LogCategory category, std::string_view text) noexcept {
     try {
-        if (journalReachable()) {
+        if (journalReachable(category)) {
             std::string message;
             message.reserve(8 + text.size());
             message.append("MESSAGE=").append(text);

@@ -25,11 +25,16 @@ constexpr std::size_t piecesAtOnce = 16;
 
 constexpr int serialOpenFlags = O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
-ssize_t receiveFromAny(int descriptor, std::span<char> buffer) {
+ssize_t receiveFromAny(int descriptor, std::span<char> buffer, int patience) {
     for (;;) {
         // First, since a terminal may be set to let its reader go with nothing.
         pollfd waited{descriptor, POLLIN, 0};
-        if (::poll(&waited, 1, -1) < 0 && errno == EINTR) {
+        const int ready = ::poll(&waited, 1, patience);
+        if (ready == 0) {
+            errno = EAGAIN;
+            return -1;
+        }
+        if (ready < 0 && errno == EINTR) {
             continue;
         }
         // A wait that fails otherwise, for want of memory, is no end of the channel: channels
@@ -151,17 +156,20 @@ int LinuxChannelDevice::claimExclusive(int descriptor) {
 }
 
 int LinuxChannelDevice::clearStatusFlags(int descriptor) {
-    return ::fcntl(descriptor, F_SETFL, 0) == 0 ? 0 : errno;
+    // A port never blocks by itself, since a blocked write would outlast its host; it is waited on.
+    const int flags = findPort(descriptor) != nullptr ? O_NONBLOCK : 0;
+    return ::fcntl(descriptor, F_SETFL, flags) == 0 ? 0 : errno;
 }
 
-ssize_t LinuxChannelDevice::receive(int descriptor, std::span<char> buffer) {
+ssize_t LinuxChannelDevice::receive(int descriptor, std::span<char> buffer, int patience) {
     if (descriptor < 0) {  // poll() would wait on it for ever
         errno = EBADF;
         return -1;
     }
     parked_.reset();
     OpenPort* const open = findPort(descriptor);
-    return open != nullptr ? open->port.receive(buffer) : receiveFromAny(descriptor, buffer);
+    return open != nullptr ? open->port.receive(buffer, patience)
+                           : receiveFromAny(descriptor, buffer, patience);
 }
 
 void LinuxChannelDevice::send(int descriptor, std::span<const std::string_view> pieces) noexcept {

@@ -24,7 +24,8 @@ class LinuxChannelDevice final : public ChannelDevice {
     SystemResult<DescriptorGuard> openSerial(const char* path) override;
     int claimExclusive(int descriptor) override;
     int clearStatusFlags(int descriptor) override;
-    ssize_t receive(int descriptor, std::span<char> buffer) override;
+    using ChannelDevice::receive;
+    ssize_t receive(int descriptor, std::span<char> buffer, int patience) override;
     using ChannelDevice::send;
     void send(int descriptor, std::span<const std::string_view> pieces) noexcept override;
     void closeChannel(int descriptor) noexcept override;

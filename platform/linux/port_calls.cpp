@@ -1,6 +1,5 @@
 #include "platform/linux/port_calls.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -31,17 +30,17 @@ ssize_t DescriptorPortCalls::write(std::string_view bytes) {
     return ::write(descriptor_, bytes.data(), bytes.size());
 }
 
-int DescriptorPortCalls::statusFlags() {
-    return ::fcntl(descriptor_, F_GETFL);
-}
-
-int DescriptorPortCalls::setStatusFlags(int flags) {
-    return ::fcntl(descriptor_, F_SETFL, flags);
-}
-
-bool DescriptorPortCalls::hostIsThere() {
-    pollfd asked{descriptor_, POLLIN | POLLOUT, 0};
-    return ::poll(&asked, 1, 0) >= 0 && (asked.revents & (POLLHUP | POLLNVAL)) == 0;
+PortCalls::InputState DescriptorPortCalls::waitForInput(int limit) {
+    pollfd waited{descriptor_, POLLIN, 0};
+    int count = 0;
+    do {
+        count = ::poll(&waited, 1, limit);
+    } while (count < 0 && errno == EINTR);
+    if (count == 0) {
+        return InputState::silent;
+    }
+    const bool hostIsThere = count > 0 && (waited.revents & (POLLHUP | POLLNVAL)) == 0;
+    return hostIsThere ? InputState::ready : InputState::noHost;
 }
 
 PortCalls::OutputState DescriptorPortCalls::waitForOutput() {

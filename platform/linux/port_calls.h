@@ -17,16 +17,16 @@ class PortCalls {
  public:
     virtual ~PortCalls() = default;
 
-    /// read(2) and write(2).
+    /// read(2) and write(2), which do not block.
     virtual ssize_t read(std::span<char> buffer) = 0;
     virtual ssize_t write(std::string_view bytes) = 0;
 
-    /// F_GETFL and F_SETFL of fcntl(2).
-    virtual int statusFlags() = 0;
-    virtual int setStatusFlags(int flags) = 0;
+    enum class InputState { ready, silent, noHost };
 
-    /// Whether the host is connected, as poll(2) tells it now. False, too, when it doesn't.
-    virtual bool hostIsThere() = 0;
+    /// While the host is connected, waits for its bytes, or until `limit` milliseconds are over in
+    /// silence. Without one it ends at once, whether there are bytes or not; so it does, too, when
+    /// the wait fails, for want of memory.
+    virtual InputState waitForInput(int limit) = 0;
 
     enum class OutputState { ready, hostGone, failed };
 
@@ -55,9 +55,7 @@ class DescriptorPortCalls final : public PortCalls {
 
     ssize_t read(std::span<char> buffer) override;
     ssize_t write(std::string_view bytes) override;
-    int statusFlags() override;
-    int setStatusFlags(int flags) override;
-    bool hostIsThere() override;
+    InputState waitForInput(int limit) override;
     OutputState waitForOutput() override;
     Change waitForChange(int limit) override;
 

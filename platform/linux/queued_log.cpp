@@ -1,5 +1,7 @@
 #include "platform/linux/queued_log.h"
 
+#include <sched.h>
+
 #include <array>
 #include <chrono>
 #include <condition_variable>
@@ -46,7 +48,7 @@ class QueuedLog::Queue {
             urgent_ = true;
             work_.notify_one();
         }
-        if (!stuck_) {
+        if (!stuck_ && !fits()) {
             stuck_ = !changed_.wait_for(lock, patienceForRoom, fits);
         }
         if (!fits()) {
@@ -78,6 +80,10 @@ class QueuedLog::Queue {
 
     /// The thread: hands entries to the sink until the queue is closed and empty.
     void run() {
+        // The daemon lets the thread go on after each entry when it is behind. That is not to take
+        // the processor from a request.
+        const sched_param none{};
+        ::sched_setscheduler(0, SCHED_BATCH, &none);
         auto lock = this->lock();
         for (;;) {
             work_.wait(lock, [this] { return lost_ > 0 || !entries_.empty() || closing_; });

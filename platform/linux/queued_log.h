@@ -22,7 +22,7 @@ namespace corvane {
 /// Not for forked children: the thread is not among what they inherit, the lock may be held there.
 class QueuedLog final : public SystemLog {
  public:
-    static constexpr std::size_t capacity = 1U << 20U;  ///< what an entry needs beside its text too
+    static constexpr std::size_t capacity = 4U << 20U;  ///< what an entry needs beside its text too
 
     explicit QueuedLog(std::unique_ptr<SystemLog> sink);
     ~QueuedLog() override;

@@ -1,12 +1,15 @@
 #include "platform/linux/virtio_port.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 
 namespace corvane {
 
 namespace {
+
+ssize_t silence() {
+    errno = EAGAIN;
+    return -1;
+}
 
 /// How long the notice of a host may take. It is handled by a kernel thread that is woken before
 /// the host's bytes are there, so that this is ample; a host that does come ends the wait at once.
@@ -14,12 +17,21 @@ constexpr int noticeLimit = 1000;  // milliseconds
 
 }  // namespace
 
-ssize_t VirtioPort::receive(std::span<char> buffer) {
+ssize_t VirtioPort::receive(std::span<char> buffer, int patience) {
     inputHasEnded_ = false;
     for (;;) {
-        const bool hostIsThere = calls_.hostIsThere();
+        // A host is seen before it is waited for: it may leave without a word meanwhile.
+        const bool wasSeen = host_ == Host::seen;
+        const PortCalls::InputState input = calls_.waitForInput(wasSeen ? patience : 0);
+        const bool hostIsThere = input != PortCalls::InputState::noHost;
         if (hostIsThere) {
             host_ = Host::seen;
+        }
+        if (input == PortCalls::InputState::silent) {
+            if (wasSeen) {
+                return silence();
+            }
+            continue;
         }
         const ssize_t count = calls_.read(buffer);
         if (count > 0) {
@@ -44,24 +56,18 @@ ssize_t VirtioPort::receive(std::span<char> buffer) {
             return 0;
         }
         // Nobody is there. What happened since the read is not missed: the watch remembers it.
-        if (calls_.waitForChange(PortCalls::noLimit) == PortCalls::Change::failed) {
-            return -1;
+        switch (calls_.waitForChange(patience)) {
+            case PortCalls::Change::happened:
+                break;
+            case PortCalls::Change::none:
+                return silence();
+            case PortCalls::Change::failed:
+                return -1;
         }
     }
 }
 
 void VirtioPort::send(std::span<const std::string_view> pieces) {
-    // The host may leave between a wait and the write after it, and a blocking write would then
-    // hold the agent until another host connects.
-    const int flags = calls_.statusFlags();
-    if (flags < 0 || calls_.setStatusFlags(flags | O_NONBLOCK) < 0) {
-        return;
-    }
-    sendToTheEnd(pieces);
-    calls_.setStatusFlags(flags);
-}
-
-void VirtioPort::sendToTheEnd(std::span<const std::string_view> pieces) {
     bool begun = false;
     for (const std::string_view piece : pieces) {
         if (!sendPiece(piece, begun)) {

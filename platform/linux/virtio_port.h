@@ -8,7 +8,7 @@ namespace corvane {
 /// channel's: while no host is connected a read ends at once and the port always polls readable,
 /// and a blocked write outlasts the host that it was meant for.
 ///
-/// Here the input ends when the host goes from connected to not connected, once; then, and before
+/// The descriptor does not block. Here the input ends when the host goes from connected to not connected, once; then, and before
 /// the first host, the port waits for one, without using the processor.
 ///
 /// A host's bytes may overtake the kernel's notice that it has connected: they come by another
@@ -19,8 +19,9 @@ class VirtioPort {
     /// Borrows `calls`.
     explicit VirtioPort(PortCalls& calls) noexcept : calls_(calls) {}
 
-    /// As `ChannelDevice::receive`.
-    ssize_t receive(std::span<char> buffer);
+    /// As `ChannelDevice::receive`; a signal, or a change that brings nothing, starts the patience
+    /// anew.
+    ssize_t receive(std::span<char> buffer, int patience = PortCalls::noLimit);
 
     /// As `ChannelDevice::send`: as much at once as the kernel takes, until all is out or the host
     /// has left.
@@ -39,7 +40,6 @@ class VirtioPort {
         gone,    ///< not shown, and waited for in vain: its end is still to be told
     };
 
-    void sendToTheEnd(std::span<const std::string_view> pieces);
     bool sendPiece(std::string_view bytes, bool begun);
     bool hostTakesOutput(bool begun);
     bool noticeMayHaveCome();

@@ -39,7 +39,7 @@ class PiecewiseDevice : public ChannelDevice {
     }
     int claimExclusive(int /*descriptor*/) override { return 0; }
     int clearStatusFlags(int /*descriptor*/) override { return 0; }
-    ssize_t receive(int /*descriptor*/, std::span<char> buffer) override {
+    ssize_t receive(int /*descriptor*/, std::span<char> buffer, int /*patience*/) override {
         const std::string& piece = pieces.at(next++);
         std::copy(piece.begin(), piece.end(), buffer.begin());
         return static_cast<ssize_t>(piece.size());

@@ -42,7 +42,12 @@ int FakeChannelDevice::clearStatusFlags(int /*descriptor*/) {
     return clearFlagsError;
 }
 
-ssize_t FakeChannelDevice::receive(int descriptor, std::span<char> buffer) {
+ssize_t FakeChannelDevice::receive(int descriptor, std::span<char> buffer, int patience) {
+    pollfd waited{descriptor, POLLIN, 0};
+    if (descriptor >= 0 && ::poll(&waited, 1, patience) == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
     return ::read(descriptor, buffer.data(), buffer.size());
 }
 

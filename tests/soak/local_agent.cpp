@@ -83,8 +83,8 @@ class ListeningChannel final : public ChannelDevice {
     }
     int claimExclusive(int /*descriptor*/) override { return 0; }
     int clearStatusFlags(int /*descriptor*/) override { return 0; }
-    ssize_t receive(int descriptor, std::span<char> buffer) override {
-        return device_.receive(descriptor, buffer);
+    ssize_t receive(int descriptor, std::span<char> buffer, int patience) override {
+        return device_.receive(descriptor, buffer, patience);
     }
     using ChannelDevice::send;
     void send(int descriptor, std::span<const std::string_view> pieces) noexcept override {

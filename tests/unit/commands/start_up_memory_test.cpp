@@ -33,7 +33,7 @@ class Examiner final : public PiecewiseDevice {
  public:
     Examiner() { pieces = {ping, ping}; }
 
-    ssize_t receive(int descriptor, std::span<char> buffer) override {
+    ssize_t receive(int descriptor, std::span<char> buffer, int patience) override {
         if (next == 1) {
             // The failure may have hit the first of the requests; the other one is answered.
             failed_ = stopFailingAllocations() == 0;
@@ -41,7 +41,7 @@ class Examiner final : public PiecewiseDevice {
         } else if (next == pieces.size()) {
             ::_exit(sent != pong ? wrong : failed_ ? served : servedWithoutFailure);
         }
-        return PiecewiseDevice::receive(descriptor, buffer);
+        return PiecewiseDevice::receive(descriptor, buffer, patience);
     }
 
  private:

@@ -3,6 +3,7 @@
 #include <sys/resource.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <new>
 
@@ -284,7 +285,12 @@ class ScriptedChannelDevice : public ChannelDevice {
     }
     int claimExclusive(int /*descriptor*/) override { return 0; }
     int clearStatusFlags(int /*descriptor*/) override { return 0; }
-    ssize_t receive(int /*descriptor*/, std::span<char> buffer) override {
+    ssize_t receive(int /*descriptor*/, std::span<char> buffer, int patience) override {
+        if (isSilent && patience != noLimit) {
+            ++silences;
+            errno = EAGAIN;
+            return -1;
+        }
         const std::string& bytes = position < repeats ? repeated : script.at(position - repeats);
         ++position;
         std::copy(bytes.begin(), bytes.end(), buffer.begin());
@@ -301,6 +307,8 @@ class ScriptedChannelDevice : public ChannelDevice {
     std::size_t repeats = 0;
     std::vector<std::string> script;
     std::size_t position = 0;
+    bool isSilent = false;  ///< for longer than any limit
+    int silences = 0;
     int openings = 0;
     std::string sent;
 };
@@ -324,6 +332,18 @@ TEST_F(ReadLoopOnAScript, ChannelsThatKeepEndingAtOnceAreReopenedOnceASecond) {
     }
     EXPECT_EQ(device_.openings, 17);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+TEST_F(ReadLoopOnAScript, SilenceIsWaitedOutAndIsNoEndOfTheChannel) {
+    device_.script = {pingLine, pingLine, pingLine};
+    device_.isSilent = true;
+    ReadLoop loop;
+    for (int pass = 0; pass < 3; ++pass) {
+        loop.pass();
+    }
+    EXPECT_EQ(device_.sent, std::string(pong) + "\n" + pong + "\n" + pong + "\n");
+    EXPECT_EQ(device_.silences, 2);
+    EXPECT_EQ(device_.openings, 0);
 }
 
 TEST_F(ReadLoopOnAScript, PendingDelimiterSurvivesTheLossOfTheChannel) {

@@ -73,6 +73,7 @@ constexpr CallErrors table[] = {
     {"rt_sigaction", ""},
     {"rt_sigprocmask", ""},
     {"rt_sigtimedwait", "EINTR"},
+    {"sched_setscheduler", "EPERM"},
     {"sendto", "EAGAIN EINTR ENOMEM EPIPE"},
     {"set_robust_list", ""},
     {"setgid", ""},

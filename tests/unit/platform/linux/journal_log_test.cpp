@@ -3,8 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <map>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -180,6 +182,36 @@ TEST_F(JournalTest, AJournalThatStartsLaterIsUsedFromThenOn) {
                   log.write(LogCategory::status, "found\n");
                   return receiveEntry(journal.borrow())["MESSAGE"] == "found\n" ? ""
                                                                                 : "wrong entry";
+              }));
+}
+
+TEST_F(JournalTest, AJournalThatVanishesIsMissedAtOnceByStatusAndSoonByTransactions) {
+    EXPECT_EQ("", withPrivateMounts({"/run", "/dev"}, []() -> std::string {
+                  DescriptorGuard journal = bindJournal();
+                  JournalLog log;
+                  log.createCategories("corvane");
+                  if (!log.records(LogCategory::transactions)) {
+                      return "does not record with a journal";
+                  }
+                  journal.closeNow();
+                  ::unlink(journalSocket);
+                  const DescriptorGuard daemon = bindDatagramSocket("/dev/log");
+                  log.write(LogCategory::status, "found\n");
+                  if (!receiveDatagram(daemon.borrow()).bytes.ends_with(": found\n")) {
+                      return "wrong entry";
+                  }
+                  journal = bindJournal();
+                  if (!log.records(LogCategory::transactions)) {
+                      return "does not record with a journal that is back";
+                  }
+                  journal.closeNow();
+                  ::unlink(journalSocket);
+                  ::unlink("/dev/log");
+                  // Nothing but the clock ends it.
+                  while (log.records(LogCategory::transactions)) {
+                      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                  }
+                  return log.records(LogCategory::status) ? "status is recorded nowhere" : "";
               }));
 }
 

@@ -40,6 +40,14 @@ TEST_F(PortChannelTest, APortNeedsNoClaimOfItsOwn) {
     device_.closeChannel(opened.value().release());
 }
 
+TEST_F(PortChannelTest, APortNeverBlocksByItself) {
+    const DescriptorGuard port = openTerminal();
+    ASSERT_EQ(device_.clearStatusFlags(port.borrow()), 0);
+    EXPECT_TRUE(doesNotBlock(port.borrow()));
+    EXPECT_EQ(device_.receive(port.borrow(), buffer_, 1), -1);
+    EXPECT_EQ(errno, EAGAIN);
+}
+
 TEST_F(PortChannelTest, APortWhoseInputHasEndedIsKeptAndGivenBack) {
     const int port = openAndPark();
     EXPECT_TRUE(isOpen(port));

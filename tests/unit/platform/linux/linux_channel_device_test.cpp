@@ -59,6 +59,15 @@ TEST_F(ChannelDeviceTest, ADescriptorThatDoesNotBlockIsWaitedOn) {
     peer.join();
 }
 
+TEST_F(ChannelDeviceTest, SilenceEndsAWaitWithALimitAndLosesNothing) {
+    EXPECT_EQ(device_.receive(ours_.borrow(), buffer_, 1), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    ASSERT_EQ(::write(peer_.borrow(), "ping\n", 5), 5);
+    EXPECT_EQ(device_.receive(ours_.borrow(), buffer_, 1), 5);
+    peer_.closeNow();
+    EXPECT_EQ(device_.receive(ours_.borrow(), buffer_, 1), 0);
+}
+
 sem_t signalHandled;
 
 TEST_F(ChannelDeviceTest, SignalsDoNotEndTheWait) {

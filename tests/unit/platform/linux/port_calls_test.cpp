@@ -28,6 +28,7 @@ class PortCallsTest : public testing::Test {
         ::signal(SIGPIPE, SIG_IGN);
         std::array<int, 2> ends{};
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+        ASSERT_EQ(::fcntl(ends[0], F_SETFL, O_NONBLOCK), 0);
         guest_ = DescriptorGuard(ends[0]);
         host_ = DescriptorGuard(ends[1]);
         auto watch = DescriptorPortCalls::watch(ends[0]);
@@ -47,15 +48,17 @@ class PortCallsTest : public testing::Test {
 };
 
 TEST_F(PortCallsTest, TheHostIsThereUntilItLeaves) {
-    EXPECT_TRUE(calls_->hostIsThere());
+    EXPECT_EQ(calls_->waitForInput(1), PortCalls::InputState::silent);
+    hostSends("x");
+    EXPECT_EQ(calls_->waitForInput(PortCalls::noLimit), PortCalls::InputState::ready);
     host_.closeNow();
-    EXPECT_FALSE(calls_->hostIsThere());
+    EXPECT_EQ(calls_->waitForInput(PortCalls::noLimit), PortCalls::InputState::noHost);
 }
 
 TEST_F(PortCallsTest, ADescriptorThatIsNoneHasNoHost) {
     DescriptorPortCalls none(-1, DescriptorGuard());
     DescriptorPortCalls closed(1 << 20, DescriptorGuard());
-    EXPECT_FALSE(closed.hostIsThere());
+    EXPECT_EQ(closed.waitForInput(PortCalls::noLimit), PortCalls::InputState::noHost);
     EXPECT_EQ(closed.waitForOutput(), PortCalls::OutputState::failed);
     EXPECT_EQ(none.waitForChange(PortCalls::noLimit), PortCalls::Change::failed);
 }
@@ -93,8 +96,7 @@ TEST_F(PortCallsTest, EveryChangeEndsAWaitOfItsOwn) {
     EXPECT_EQ(calls_->waitForChange(PortCalls::noLimit), PortCalls::Change::happened);
 }
 
-TEST_F(PortCallsTest, APortWithoutBlockingIsReceivedFromWhenTheHostSends) {
-    ASSERT_EQ(calls_->setStatusFlags(O_NONBLOCK), 0);
+TEST_F(PortCallsTest, APortIsReceivedFromWhenTheHostSends) {
     VirtioPort port(*calls_);
     std::thread host([this] { hostSends("ping\n"); });
     EXPECT_EQ(port.receive(buffer_), 5);
@@ -121,7 +123,6 @@ TEST_F(PortCallsTest, AResponseLargerThanTheKernelTakesArrivesWhole) {
     ::shutdown(guest_.borrow(), SHUT_WR);
     host.join();
     EXPECT_EQ(received, response.size());
-    EXPECT_EQ(calls_->statusFlags() & O_NONBLOCK, 0);
 }
 
 TEST_F(PortCallsTest, AHostThatLeavesInTheMiddleFreesTheSender) {
@@ -132,7 +133,6 @@ TEST_F(PortCallsTest, AHostThatLeavesInTheMiddleFreesTheSender) {
     });
     VirtioPort(*calls_).send(std::string(4U << 20U, 'x'));
     host.join();
-    EXPECT_EQ(calls_->statusFlags() & O_NONBLOCK, 0);
 }
 
 TEST_F(PortCallsTest, AWaitWithALimitEndsWhenNothingHappens) {

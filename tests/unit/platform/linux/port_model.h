@@ -1,7 +1,5 @@
 #pragma once
 
-#include <fcntl.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <deque>
@@ -48,18 +46,15 @@ class PortModel final : public PortCalls {
 
     ssize_t read(std::span<char> buffer) override {
         ++reads;
-        while (inbound.empty() && connected && interruptions == 0) {
-            if ((flags & O_NONBLOCK) != 0) {
-                return failure(EAGAIN);
-            }
-            step();
-        }
         if (unplugged) {
             return failure(ENODEV);
         }
         if (interruptions > 0) {
             --interruptions;
             return failure(EINTR);
+        }
+        if (inbound.empty() && connected) {
+            return failure(EAGAIN);
         }
         const std::size_t count = std::min({buffer.size(), inbound.size(), std::size_t{4096}});
         std::copy_n(inbound.begin(), count, buffer.begin());
@@ -82,9 +77,6 @@ class PortModel final : public PortCalls {
             return failure(ENODEV);
         }
         if (!connected || space == 0) {
-            if ((flags & O_NONBLOCK) == 0) {
-                throw WaitsForEver();
-            }
             return failure(EAGAIN);
         }
         if (interruptions > 0) {
@@ -104,17 +96,17 @@ class PortModel final : public PortCalls {
         return static_cast<ssize_t>(count);
     }
 
-    int statusFlags() override { return flags; }
-
-    int setStatusFlags(int newFlags) override {
-        if (flagsAreFixed) {
-            return static_cast<int>(failure(EPERM));
+    InputState waitForInput(int limit) override {
+        while (canWait && inbound.empty() && connected && interruptions == 0 && !readyForNothing) {
+            if (limit == 0 || (steps_.empty() && limit != noLimit)) {
+                timeouts += limit == 0 ? 0 : 1;
+                return InputState::silent;
+            }
+            step();
         }
-        flags = newFlags;
-        return 0;
+        readyForNothing = false;
+        return canWait && connected ? InputState::ready : InputState::noHost;
     }
-
-    bool hostIsThere() override { return connected; }
 
     OutputState waitForOutput() override {
         while (canWait && connected && space == 0) {
@@ -142,9 +134,8 @@ class PortModel final : public PortCalls {
     bool connected = false;
     bool unplugged = false;
     bool refusesPieces = false;
-    bool flagsAreFixed = false;
+    bool readyForNothing = false;  ///< the next wait for input ends without any
     bool canWait = true;
-    int flags = O_RDWR;
     int interruptions = 0;
     int writeError = 0;
     std::string inbound;

@@ -1,6 +1,7 @@
 #include "platform/linux/queued_log.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,9 +58,15 @@ class SinkRecord {
         return mask_;
     }
 
+    int policy() {
+        const std::lock_guard lock(mutex_);
+        return policy_;
+    }
+
     void take(LogCategory category, std::string_view text) {
         std::unique_lock lock(mutex_);
         mask_ = ownMask();
+        policy_ = ::sched_getscheduler(0);
         held_ = !open_;
         changed_.notify_all();
         changed_.wait(lock, [this] { return open_; });
@@ -81,6 +88,7 @@ class SinkRecord {
     bool ended_ = false;
     bool held_ = false;
     sigset_t mask_{};
+    int policy_ = -1;
     std::vector<std::string> entries_;
 };
 
@@ -200,7 +208,7 @@ TEST_F(QueuedLogTest, ASinkThatDoesNotReturnHoldsNoWriterAndTheLossIsTold) {
 
 TEST_F(QueuedLogTest, EntriesWithoutTextTakeUpRoomToo) {
     holdSink();
-    for (int count = 0; count < 100000; ++count) {
+    for (std::size_t room = 0; room < QueuedLog::capacity; room += 16) {
         log_->write(LogCategory::status, "");
     }
     record_.open();
@@ -278,6 +286,15 @@ TEST_F(QueuedLogTest, ItsThreadHasAllSignalsBlockedAndTheCallersMaskStays) {
     for (int signal = SIGRTMIN; signal <= SIGRTMAX; ++signal) {
         check(signal);
     }
+}
+
+TEST_F(QueuedLogTest, ItsThreadTakesNoProcessorFromOthersWhenItIsWoken) {
+    const int before = ::sched_getscheduler(0);
+    log_->createCategories("corvane");
+    log_->write(LogCategory::status, "text");
+    record_.awaitEntries(2);
+    EXPECT_EQ(record_.policy(), SCHED_BATCH);
+    EXPECT_EQ(::sched_getscheduler(0), before);
 }
 
 TEST_F(QueuedLogTest, AThreadThatCannotBeStartedIsStartedLater) {

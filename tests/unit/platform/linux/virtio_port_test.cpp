@@ -1,7 +1,5 @@
 #include "platform/linux/virtio_port.h"
 
-#include <fcntl.h>
-
 #include <array>
 #include <cerrno>
 #include <string>
@@ -136,12 +134,30 @@ TEST_F(VirtioPortTest, ASignalDoesNotEndTheInput) {
     EXPECT_EQ(model_.reads, 4);
 }
 
-TEST_F(VirtioPortTest, APortThatDoesNotBlockIsWaitedOnAllTheSame) {
-    model_.flags |= O_NONBLOCK;
+TEST_F(VirtioPortTest, APortThatIsReadyForNothingIsWaitedOnAllTheSame) {
+    model_.readyForNothing = true;
     model_.connect();
     model_.then([](PortModel& model) { model.sendToGuest("ping\n"); });
     EXPECT_EQ(receiveText(), "ping\n");
     EXPECT_LE(model_.reads, 3);
+}
+
+TEST_F(VirtioPortTest, AHostThatSaysNothingIsWaitedForAsLongAsAskedAndIsStillThere) {
+    model_.connect();
+    EXPECT_EQ(port_.receive(buffer_, 100), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(model_.timeouts, 1);
+    EXPECT_FALSE(port_.inputHasEnded());
+    model_.then([](PortModel& model) { model.leave(); });
+    EXPECT_EQ(receive(), 0);
+    EXPECT_TRUE(port_.inputHasEnded());
+}
+
+TEST_F(VirtioPortTest, AHostThatDoesNotComeIsWaitedForAsLongAsAsked) {
+    EXPECT_EQ(port_.receive(buffer_, 100), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(model_.timeouts, 1);
+    EXPECT_FALSE(port_.inputHasEnded());
 }
 
 TEST_F(VirtioPortTest, AnUnpluggedPortIsAnErrorAndNoEnd) {
@@ -182,7 +198,6 @@ TEST_F(VirtioPortTest, PiecesGoOutWholeAndInOrder) {
     const std::array<std::string_view, 4> pieces = {"before", text, "", "after\n"};
     port_.send(pieces);
     EXPECT_EQ(model_.outbound, "before" + text + "after\n");
-    EXPECT_EQ(model_.flags, O_RDWR);
 }
 
 TEST_F(VirtioPortTest, AHostThatLeavesBetweenTwoPiecesLosesTheRest) {
@@ -192,7 +207,6 @@ TEST_F(VirtioPortTest, AHostThatLeavesBetweenTwoPiecesLosesTheRest) {
     const std::array<std::string_view, 3> pieces = {"before", "text", "after\n"};
     port_.send(pieces);
     EXPECT_EQ(model_.outbound, "before");
-    EXPECT_EQ(model_.flags, O_RDWR);
 }
 
 TEST_F(VirtioPortTest, AHostThatReadsSlowlyGetsEverything) {
@@ -218,7 +232,6 @@ TEST_F(VirtioPortTest, AHostThatLeavesLosesTheRestAndFreesTheSender) {
     model_.then([](PortModel& model) { model.leave(); });
     port_.send(std::string(100, 'x'));
     EXPECT_EQ(model_.outbound.size(), 10U);
-    EXPECT_EQ(model_.flags, O_RDWR);
 }
 
 TEST_F(VirtioPortTest, AHostThatLeavesBetweenTheWaitAndTheWriteFreesTheSenderToo) {
@@ -232,7 +245,6 @@ TEST_F(VirtioPortTest, AHostThatLeavesBetweenTheWaitAndTheWriteFreesTheSenderToo
 TEST_F(VirtioPortTest, WithoutAHostAResponseIsDropped) {
     port_.send("response\n");
     EXPECT_EQ(model_.writes, 0);
-    EXPECT_EQ(model_.flags, O_RDWR);
 }
 
 TEST_F(VirtioPortTest, AHostThatLeftDuringAResponseStillEndsTheInputOnce) {
@@ -323,15 +335,6 @@ TEST_F(VirtioPortTest, ASignalLosesNoByteOfAResponseAndDoublesNone) {
     EXPECT_EQ(model_.outbound, "response\n");
 }
 
-TEST_F(VirtioPortTest, AResponseIsWrittenWithoutBlockingAndTheFlagsAreAsBefore) {
-    model_.connect();
-    int flagsAtWrite = 0;
-    model_.beforeWrite = [&flagsAtWrite](PortModel& model) { flagsAtWrite = model.flags; };
-    port_.send("response\n");
-    EXPECT_EQ(flagsAtWrite, O_RDWR | O_NONBLOCK);
-    EXPECT_EQ(model_.flags, O_RDWR);
-}
-
 TEST_F(VirtioPortTest, APortThatRefusesAPieceIsNotTriedForEver) {
     model_.connect();
     model_.refusesPieces = true;
@@ -344,7 +347,6 @@ TEST_F(VirtioPortTest, APortThatFailsIsNotTriedForEver) {
     model_.writeError = ENOMEM;
     port_.send("response\n");
     EXPECT_EQ(model_.writes, 1);
-    EXPECT_EQ(model_.flags, O_RDWR);
 }
 
 TEST_F(VirtioPortTest, APortThatCannotBeWaitedOnLosesTheResponseAndFreesTheSender) {
@@ -352,7 +354,6 @@ TEST_F(VirtioPortTest, APortThatCannotBeWaitedOnLosesTheResponseAndFreesTheSende
     model_.canWait = false;
     port_.send("response\n");
     EXPECT_EQ(model_.writes, 0);
-    EXPECT_EQ(model_.flags, O_RDWR);
 }
 
 TEST_F(VirtioPortTest, APortThatCannotBeWaitedOnAnyMoreLosesTheRestOfTheResponse) {
@@ -362,7 +363,6 @@ TEST_F(VirtioPortTest, APortThatCannotBeWaitedOnAnyMoreLosesTheRestOfTheResponse
     port_.send(std::string(100, 'x'));
     EXPECT_EQ(model_.outbound.size(), 10U);
     EXPECT_EQ(model_.writes, 1);
-    EXPECT_EQ(model_.flags, O_RDWR);
 }
 
 TEST_F(VirtioPortTest, TheNoticeOfAHostIsNotWaitedForAtAPortThatCannotBeWaitedOn) {
@@ -379,13 +379,6 @@ TEST_F(VirtioPortTest, APortUnpluggedDuringAResponseFreesTheSender) {
     model_.beforeWrite = [](PortModel& model) { model.unplug(); };
     port_.send("response\n");
     EXPECT_EQ(model_.outbound, "");
-}
-
-TEST_F(VirtioPortTest, NothingIsWrittenThatCouldBlockForEver) {
-    model_.connect();
-    model_.flagsAreFixed = true;
-    port_.send("response\n");
-    EXPECT_EQ(model_.writes, 0);
 }
 
 }  // namespace
