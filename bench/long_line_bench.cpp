@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 #include <variant>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
@@ -42,6 +43,26 @@ void readLine(benchmark::State& state, std::size_t size) {
     }
 }
 
+/// What any reader of such a line needs: its pieces, and then its string, in memory fresh from the
+/// system.
+void copyLine(benchmark::State& state, std::size_t size) {
+    constexpr std::size_t readSize = 8192;
+    const std::string request = requestOfSize(size);
+    for (auto _ : state) {
+        trimHeap();
+        std::vector<std::string> pieces;
+        for (std::size_t at = 0; at < request.size(); at += readSize) {
+            pieces.emplace_back(request, at, readSize);
+        }
+        std::string whole;
+        whole.reserve(request.size());
+        for (const std::string& piece : pieces) {
+            whole += piece;
+        }
+        benchmark::DoNotOptimize(whole.data());
+    }
+}
+
 void answerOverSocket(benchmark::State& state, std::size_t size) {
     const AgentOnSocket agent;
     const std::string request = requestOfSize(size);
@@ -53,6 +74,8 @@ void answerOverSocket(benchmark::State& state, std::size_t size) {
 
 BENCHMARK_CAPTURE(readLine, 10, 10 * megabyte)->Name("line/read_10MB")->UseRealTime();
 BENCHMARK_CAPTURE(readLine, 100, 100 * megabyte)->Name("line/read_100MB")->UseRealTime();
+BENCHMARK_CAPTURE(copyLine, 10, 10 * megabyte)->Name("line/copy_10MB")->UseRealTime();
+BENCHMARK_CAPTURE(copyLine, 100, 100 * megabyte)->Name("line/copy_100MB")->UseRealTime();
 BENCHMARK_CAPTURE(answerOverSocket, 10, 10 * megabyte)->Name("line/socket_10MB")->UseRealTime();
 BENCHMARK_CAPTURE(answerOverSocket, 100, 100 * megabyte)->Name("line/socket_100MB")->UseRealTime();
 
