@@ -22,9 +22,8 @@ constexpr char printWhetherOver[] = "fault-tracer state | grep -cE 'fault 1|agen
 /// The calls that the threads of the agent wait in, as numbers of <asm/unistd_64.h>.
 constexpr char printWaits[] =
     "cut -d ' ' -f 1 /proc/$(fault-tracer state | sed -n 's/^agent //p')/task/*/syscall | sort -n";
-// poll or, at a port, read; poll, rt_sigtimedwait, futex
-constexpr char waitsAtPort[] = "0\n7\n128\n202";
-constexpr char waitsAtVsock[] = "7\n7\n128\n202";
+// poll twice, rt_sigtimedwait, futex
+constexpr char expectedWaits[] = "7\n7\n128\n202";
 /// Of each call so many are made to fail, and the last one.
 constexpr unsigned occurrencesFromTheFirst = 4;
 constexpr std::size_t sampleOfManyCalls = 6;
@@ -109,8 +108,7 @@ class FaultMatrix : public GuestTest, public ::testing::WithParamInterface<Scena
         GetParam().run(bench());
         if (GetParam().startsAgent) {
             // The threads begin with their work when the first request may have been answered.
-            awaitInGuest(printWaits,
-                         GetParam().channel == Channel::serial ? waitsAtPort : waitsAtVsock);
+            awaitInGuest(printWaits, expectedWaits);
         }
         return bench().tracer().report().calls;
     }

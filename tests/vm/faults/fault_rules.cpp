@@ -30,16 +30,17 @@ const std::vector<FaultRule> rules = {
     // Memory: the C library has other ways to it, or does without giving it back.
     {.scenarios = "*", .call = "main @(brk|madvise|munmap)", .mayBeLeftOut = true},
 
-    // The channel at work.
-    {.scenarios = "@(start-up|ping|reconnect)",
+    // The channel at work. A host that has come again begins with a request whose answer it needs.
+    {"reconnect", "main write /dev/vport#p#", "elsewhere", "EIO"},
+    {.scenarios = "@(start-up|ping)",
      .call = "main write /dev/vport#p#",
      .outcome = "no answer",
      .errors = "EIO"},
     {"@(start-up|ping|reconnect)", "main write /dev/vport#p#"},
     {.scenarios = "@(start-up|ping)",
      .call = "main read /dev/vport#p#",
-     .errors = "EIO",
-     .log = connectionHasEnded},
+     .outcome = connectionHasEnded,
+     .errors = "EIO"},
     {"@(start-up|ping|reconnect)", "main read /dev/vport#p#"},
     {"@(start-up|ping|reconnect)", "main poll /dev/vport#p#", "done", "EINTR"},
     {.scenarios = "@(start-up|ping|reconnect)",
@@ -85,6 +86,7 @@ const std::vector<FaultRule> rules = {
      .outcome = "exit 1",
      .log = otherEnvironment},
     // The number of the device, and its driver.
+    {opening, "main openat /sys/class/virtio-ports/*/dev", "done", "EINTR"},
     {.scenarios = opening,
      .call = "main openat /sys/class/virtio-ports/*/dev",
      .outcome = "exit 1",
