@@ -89,8 +89,7 @@ void ReadLoop::pass() {
 ssize_t ReadLoop::receive() {
     ChannelDevice& device = platform().channelDevice;
     if (heapMayHaveGrown_ && (moreIsLikely_ || Clock::now() < trimmedAt_ + trimInterval)) {
-        const ssize_t received =
-            device.receive(channelDescriptor(), readBuffer_, idleMilliseconds);
+        const ssize_t received = device.receive(channelDescriptor(), readBuffer_, idleMilliseconds);
         if (received > 0) {
             return received;
         }

@@ -31,7 +31,8 @@ class ChannelDevice {
     /// Waits, without using the processor, until the host has sent something, the channel has ended
     /// or `patience` milliseconds have gone by in silence. Returns how many bytes it has put into
     /// `buffer`, 0 (end of input) or -1 (error) when the channel has ended, and -1 with EAGAIN when
-    /// it was silent. A port that no host has opened yet, or not again, is silent: it has not ended.
+    /// it was silent. A port that no host has opened yet, or not again, is silent: it has not
+    /// ended.
     virtual ssize_t receive(int descriptor, std::span<char> buffer, int patience) = 0;
 
     static constexpr int noLimit = -1;  ///< as patience

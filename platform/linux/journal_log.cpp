@@ -5,11 +5,11 @@
 #include "platform/linux/journal_log.h"
 
 #include <sys/uio.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <array>
 #include <exception>
+#include <time.h>
 
 #include <systemd/sd-journal.h>
 

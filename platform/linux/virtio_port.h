@@ -8,8 +8,9 @@ namespace corvane {
 /// channel's: while no host is connected a read ends at once and the port always polls readable,
 /// and a blocked write outlasts the host that it was meant for.
 ///
-/// The descriptor does not block. Here the input ends when the host goes from connected to not connected, once; then, and before
-/// the first host, the port waits for one, without using the processor.
+/// The descriptor does not block. Here the input ends when the host goes from connected to not
+/// connected, once; then, and before the first host, the port waits for one, without using the
+/// processor.
 ///
 /// A host's bytes may overtake the kernel's notice that it has connected: they come by another
 /// queue. Bytes of a host that is not shown as connected are thus either early or a legacy, and the
