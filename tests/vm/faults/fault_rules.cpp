@@ -32,6 +32,7 @@ const std::vector<FaultRule> rules = {
 
     // The channel at work. A host that has come again begins with a request whose answer it needs.
     {"reconnect", "main write /dev/vport#p#", "elsewhere", "EIO"},
+    {"reconnect", "main read /dev/vport#p#", "elsewhere", "EIO", 2},
     {.scenarios = "@(start-up|ping)",
      .call = "main write /dev/vport#p#",
      .outcome = "no answer",
