@@ -24,14 +24,14 @@ class ChannelDevice {
     /// Claims exclusive use of an open serial device. Returns 0 or an errno value.
     virtual int claimExclusive(int descriptor) = 0;
 
-    /// Clears all file status flags, O_NONBLOCK among them: `receive` and `send` wait from now on.
-    /// Returns 0 or an errno value.
+    /// Clears all file status flags, O_NONBLOCK among them, but for what `receive` and `send` need
+    /// in order to wait. Returns 0 or an errno value.
     virtual int clearStatusFlags(int descriptor) = 0;
 
     /// Waits, without using the processor, until the host has sent something, the channel has ended
-    /// or `patience` milliseconds have gone by in silence. Returns how many bytes it has put into
-    /// `buffer`, 0 (end of input) or -1 (error) when the channel has ended, and -1 with EAGAIN when
-    /// it was silent. A port that no host has opened yet, or not again, is silent: it has not
+    /// or about `patience` milliseconds have gone by in silence. Returns how many bytes it has put
+    /// into `buffer`, 0 (end of input) or -1 (error) when the channel has ended, and -1 with EAGAIN
+    /// when it was silent. A port that no host has opened yet, or not again, is silent: it has not
     /// ended.
     virtual ssize_t receive(int descriptor, std::span<char> buffer, int patience) = 0;
 

@@ -37,8 +37,12 @@ ssize_t receiveFromAny(int descriptor, std::span<char> buffer, int patience) {
         if (ready < 0 && errno == EINTR) {
             continue;
         }
-        // A wait that fails otherwise, for want of memory, is no end of the channel: channels
-        // block, and the read waits instead.
+        // A wait that fails otherwise, for want of memory, is no end of the channel: whoever has
+        // patience only gives memory back first, then channels block, and the read waits instead.
+        if (ready < 0 && patience >= 0) {
+            errno = EAGAIN;
+            return -1;
+        }
         const ssize_t count = ::read(descriptor, buffer.data(), buffer.size());
         // Readiness may have been for nothing, or gone to another reader.
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
@@ -127,14 +131,9 @@ bool LinuxChannelDevice::isParked(const char* path) const {
     return S_ISCHR(status.st_mode) && status.st_rdev == parked_->number;
 }
 
-SystemResult<DescriptorGuard> LinuxChannelDevice::takeParked() {
+DescriptorGuard LinuxChannelDevice::takeParked() {
     DescriptorGuard descriptor = std::move(parked_->parkedDescriptor);
-    auto port = std::move(parked_);
-    // As a fresh open leaves it.
-    if (::fcntl(descriptor.borrow(), F_SETFL, O_NONBLOCK) != 0) {
-        return SystemError{errno};
-    }
-    ports_[descriptor.borrow()] = std::move(port);
+    ports_[descriptor.borrow()] = std::move(parked_);
     return descriptor;
 }
 

@@ -35,7 +35,7 @@ class LinuxChannelDevice final : public ChannelDevice {
 
     [[nodiscard]] OpenPort* findPort(int descriptor) const noexcept;
     bool isParked(const char* path) const;
-    SystemResult<DescriptorGuard> takeParked();
+    DescriptorGuard takeParked();
     SystemResult<DescriptorGuard> adoptPort(DescriptorGuard opened, dev_t number);
     [[nodiscard]] bool isVirtioPort(dev_t number) const;
 

@@ -1,5 +1,6 @@
 #include "platform/linux/queued_log.h"
 
+#include <malloc.h>
 #include <sched.h>
 
 #include <array>
@@ -27,6 +28,13 @@ struct Entry {
 
     [[nodiscard]] std::size_t size() const noexcept { return sizeof(Entry) + text.size(); }
 };
+
+/// Only glibc keeps what is free.
+void giveMemoryBack() noexcept {
+#ifdef __GLIBC__
+    ::malloc_trim(0);
+#endif
+}
 
 }  // namespace
 
@@ -61,6 +69,7 @@ class QueuedLog::Queue {
         urgent_ = urgent_ || entry.category == LogCategory::status;
         entries_.push_back(std::move(entry));
         size_ += size;
+        wasBehind_ = wasBehind_ || isBehind();
         if (isFirst || isUrgent() != wasUrgent) {
             work_.notify_one();
         }
@@ -71,11 +80,21 @@ class QueuedLog::Queue {
         work_.notify_one();
     }
 
-    /// Whether all entries have gone to the sink, in time.
+    /// Whether all entries have gone to the sink, in time. From a sink that is merely behind the
+    /// status entries are still to be had: they say why the process ends.
     bool close(std::unique_lock<std::mutex>& lock) {
         closing_ = true;
         work_.notify_one();
-        return changed_.wait_for(lock, patienceAtTheEnd, [this] { return ended_; });
+        const auto hasEnded = [this] { return ended_; };
+        const std::size_t takenBefore = taken_;
+        if (changed_.wait_for(lock, patienceAtTheEnd, hasEnded)) {
+            return true;
+        }
+        if (taken_ == takenBefore) {
+            return false;
+        }
+        dropTransactions();
+        return changed_.wait_for(lock, patienceAtTheEnd, hasEnded);
     }
 
     /// The thread: hands entries to the sink until the queue is closed and empty.
@@ -98,7 +117,12 @@ class QueuedLog::Queue {
                 }
             }
             urgent_ = false;
-            if (closing_) {
+            if (std::exchange(wasBehind_, false)) {
+                // The writer's memory is idle by now, and nobody else gives this back.
+                lock.unlock();
+                giveMemoryBack();
+                lock.lock();
+            } else if (closing_) {
                 break;
             }
         }
@@ -116,6 +140,7 @@ class QueuedLog::Queue {
         std::string().swap(entry.text);  // counted until its memory is free
         lock.lock();
         size_ -= size;
+        ++taken_;
         noteProgress();
     }
 
@@ -129,9 +154,20 @@ class QueuedLog::Queue {
         noteProgress();
     }
 
+    void dropTransactions() {
+        lost_ += std::erase_if(entries_, [this](const Entry& entry) {
+            const bool dropped = entry.category == LogCategory::transactions;
+            size_ -= dropped ? entry.size() : 0;
+            return dropped;
+        });
+    }
+
+    /// Whether so much waits that it is worth something by itself.
+    [[nodiscard]] bool isBehind() const noexcept { return size_ > capacity / 4; }
+
     /// Whether the thread is not to wait for more.
     [[nodiscard]] bool isUrgent() const noexcept {
-        return urgent_ || lost_ > 0 || closing_ || size_ > capacity / 4;
+        return urgent_ || lost_ > 0 || closing_ || isBehind();
     }
 
     void noteProgress() {
@@ -146,8 +182,10 @@ class QueuedLog::Queue {
     std::deque<Entry> entries_;
     std::size_t size_ = 0;  ///< of the entries, the one in the sink's hands included
     std::size_t lost_ = 0;
-    bool stuck_ = false;   ///< the sink has taken nothing since an entry waited in vain
-    bool urgent_ = false;  ///< there is a status entry, or a writer waits for room
+    std::size_t taken_ = 0;   ///< by the sink, so far
+    bool stuck_ = false;      ///< the sink has taken nothing since an entry waited in vain
+    bool urgent_ = false;     ///< there is a status entry, or a writer waits for room
+    bool wasBehind_ = false;  ///< since the queue was last empty
     bool closing_ = false;
     bool ended_ = false;
 };

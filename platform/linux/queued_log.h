@@ -36,8 +36,9 @@ class QueuedLog final : public SystemLog {
     void write(LogCategory category, std::string_view text) noexcept override;
 
     /// Gives the sink a second to take what is queued, so that nothing is lost when the process
-    /// exits in an orderly way. After that the thread goes on by itself, with the queue and the
-    /// sink as its own. Nobody writes what comes later. The destructor does the same.
+    /// exits in an orderly way, and another one for the status entries if it goes on taking some;
+    /// the rest is then told as lost. After that the thread goes on by itself, with the queue and
+    /// the sink as its own. Nobody writes what comes later. The destructor does the same.
     void finish() noexcept;
 
  private:

@@ -20,8 +20,8 @@ class VirtioPort {
     /// Borrows `calls`.
     explicit VirtioPort(PortCalls& calls) noexcept : calls_(calls) {}
 
-    /// As `ChannelDevice::receive`; a signal, or a change that brings nothing, starts the patience
-    /// anew.
+    /// As `ChannelDevice::receive`. A signal, or a change that brings nothing, starts the patience
+    /// anew, and the notice of a host is waited for besides.
     ssize_t receive(std::span<char> buffer, int patience = PortCalls::noLimit);
 
     /// As `ChannelDevice::send`: as much at once as the kernel takes, until all is out or the host

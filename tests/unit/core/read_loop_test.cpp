@@ -346,6 +346,17 @@ TEST_F(ReadLoopOnAScript, SilenceIsWaitedOutAndIsNoEndOfTheChannel) {
     EXPECT_EQ(device_.openings, 0);
 }
 
+TEST_F(ReadLoopOnAScript, AnEndAfterARequestIsToldOnce) {
+    device_.script = {pingLine, "", pingLine};
+    ReadLoop loop;
+    for (int pass = 0; pass < 3; ++pass) {
+        loop.pass();
+    }
+    EXPECT_EQ(device_.sent, std::string(pong) + "\n" + pong + "\n");
+    EXPECT_EQ(device_.openings, 1);
+    EXPECT_EQ(device_.position, 3U);
+}
+
 TEST_F(ReadLoopOnAScript, PendingDelimiterSurvivesTheLossOfTheChannel) {
     device_.script = {"", pingLine, pingLine};
     setDelimiterPending(true);

@@ -127,9 +127,13 @@ TEST_F(ChannelDeviceTest, AWaitThatFailsIsNoEndOfTheInput) {
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     pollfd waited{ours_.borrow(), POLLIN, 0};
     const int outcome = ::poll(&waited, 1, 0);
+    const ssize_t withoutPatience = device_.receive(ours_.borrow(), buffer_, 0);
+    const int error = errno;
     const std::string received = receiveText(ours_.borrow());
     ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(outcome, -1) << "the wait does not fail";
+    EXPECT_EQ(withoutPatience, -1);
+    EXPECT_EQ(error, EAGAIN);
     EXPECT_EQ(received, "ping\n");
 }
 

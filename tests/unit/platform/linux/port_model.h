@@ -97,6 +97,9 @@ class PortModel final : public PortCalls {
     }
 
     InputState waitForInput(int limit) override {
+        if (std::exchange(nextWaitFails, false)) {
+            return InputState::noHost;
+        }
         while (canWait && inbound.empty() && connected && interruptions == 0 && !readyForNothing) {
             if (limit == 0 || (steps_.empty() && limit != noLimit)) {
                 timeouts += limit == 0 ? 0 : 1;
@@ -135,6 +138,7 @@ class PortModel final : public PortCalls {
     bool unplugged = false;
     bool refusesPieces = false;
     bool readyForNothing = false;  ///< the next wait for input ends without any
+    bool nextWaitFails = false;    ///< the next one for input
     bool canWait = true;
     int interruptions = 0;
     int writeError = 0;

@@ -7,13 +7,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
+#include <fstream>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "core/heap.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/syslog_log.h"
 #include "tests/fakes/child_process.h"
@@ -30,6 +33,13 @@ sigset_t ownMask() {
     sigset_t mask;
     ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     return mask;
+}
+
+std::size_t residentMemory() {
+    std::size_t size = 0;
+    std::size_t resident = 0;
+    std::ifstream("/proc/self/statm") >> size >> resident;
+    return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
 }
 
 /// What a sink is told, and a gate that holds it up. Both outlive the log under test.
@@ -217,7 +227,7 @@ TEST_F(QueuedLogTest, EntriesWithoutTextTakeUpRoomToo) {
 }
 
 TEST_F(QueuedLogTest, ALongEntryPassesAnEmptyQueue) {
-    const std::string text(16 * QueuedLog::capacity, 'x');
+    const std::string text(2 * QueuedLog::capacity, 'x');
     log_->write(LogCategory::status, text);
     log_->createCategories("corvane");
     EXPECT_EQ(record_.awaitEntries(2)[1], "S:" + text);
@@ -315,6 +325,76 @@ TEST_F(QueuedLogTest, AThreadThatCannotBeStartedIsStartedLater) {
               (std::vector<std::string>{"S:created for corvane", "S:one", "S:two"}));
     ::pthread_attr_destroy(&unfit);
     ::pthread_attr_destroy(&usual);
+}
+
+/// Takes its time, as a daemon does that is behind.
+class SlowSink final : public SystemLog {
+ public:
+    explicit SlowSink(SinkRecord& record) : record_(record) {}
+    void createCategories(const char* /*identifier*/) override {}
+    bool records(LogCategory /*category*/) const override { return true; }
+    void write(LogCategory category, std::string_view text) noexcept override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        record_.take(category, text);
+    }
+
+ private:
+    SinkRecord& record_;
+};
+
+TEST(QueuedLog, TellsWhyItEndsThoughTheSinkIsBehind) {
+    SinkRecord record;
+    QueuedLog log(std::make_unique<SlowSink>(record));
+    log.createCategories("corvane");
+    for (int number = 0; number < 500; ++number) {
+        log.write(LogCategory::transactions, "one of many");
+    }
+    log.write(LogCategory::status, "the reason");
+    log.finish();
+    const std::vector<std::string> entries = record.awaitEntries(2);
+    EXPECT_EQ(entries.back(), "S:the reason");
+    EXPECT_EQ(entries.at(entries.size() - 2),
+              "S:Log entries lost: " + std::to_string(502 - entries.size()) + "\n");
+}
+
+/// Drops what it is told, when it is let.
+class DroppingSink final : public SystemLog {
+ public:
+    explicit DroppingSink(std::mutex& gate) : gate_(gate) {}
+    void createCategories(const char* /*identifier*/) override {}
+    bool records(LogCategory /*category*/) const override { return true; }
+    void write(LogCategory /*category*/, std::string_view /*text*/) noexcept override {
+        const std::lock_guard lock(gate_);
+    }
+
+ private:
+    std::mutex& gate_;
+};
+
+TEST(QueuedLog, GivesTheMemoryOfABacklogBackWithoutBeingUsedAgain) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's allocator keeps what was freed";
+#endif
+    constexpr std::size_t mebibyte = 1U << 20U;
+    limitHeap();
+    std::mutex gate;
+    QueuedLog log(std::make_unique<DroppingSink>(gate));
+    log.createCategories("corvane");
+    trimHeap();
+    const std::size_t before = residentMemory();
+    {
+        const std::lock_guard shut(gate);
+        for (std::size_t size = 0; size < QueuedLog::capacity / 4 * 3; size += 200) {
+            log.write(LogCategory::transactions, std::string(150, 'x'));
+        }
+        ASSERT_GT(residentMemory(), before + 2 * mebibyte) << "there would be nothing to give back";
+    }
+    constexpr std::chrono::seconds hangLimit{20};
+    const auto end = std::chrono::steady_clock::now() + hangLimit;
+    while (residentMemory() > before + mebibyte && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));  // for what no event tells of
+    }
+    EXPECT_LE(residentMemory(), before + mebibyte);
 }
 
 TEST(QueuedLog, EndsWithoutEverHavingBeenUsed) {

@@ -93,7 +93,7 @@ TEST_F(VirtioPortTest, TheNextHostIsServedAfterAnEnd) {
     EXPECT_EQ(receive(), 0);
 }
 
-TEST_F(VirtioPortTest, AHostThatCameBackWhileTheAgentSleptInReadIsNotTakenForAnEnd) {
+TEST_F(VirtioPortTest, AHostThatCameBackWhileTheAgentWaitedIsNotTakenForAnEnd) {
     model_.connect();
     model_.then([](PortModel& model) {
         model.leave();
@@ -140,6 +140,23 @@ TEST_F(VirtioPortTest, APortThatIsReadyForNothingIsWaitedOnAllTheSame) {
     model_.then([](PortModel& model) { model.sendToGuest("ping\n"); });
     EXPECT_EQ(receiveText(), "ping\n");
     EXPECT_LE(model_.reads, 3);
+}
+
+TEST_F(VirtioPortTest, AWaitThatFailsIsNoEndAndLosesNothing) {
+    model_.connect();
+    model_.then([](PortModel& model) { model.sendToGuest("ping\n"); });
+    EXPECT_EQ(receiveText(), "ping\n");
+    model_.nextWaitFails = true;
+    model_.then([](PortModel& model) { model.sendToGuest("again\n"); });
+    EXPECT_EQ(receiveText(), "again\n");
+    model_.nextWaitFails = true;
+    model_.changes = 0;
+    EXPECT_EQ(port_.receive(buffer_, 100), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    model_.nextWaitFails = true;
+    model_.then([](PortModel& model) { model.leave(); });
+    EXPECT_EQ(receive(), 0);
+    EXPECT_THROW(receive(), WaitsForEver);
 }
 
 TEST_F(VirtioPortTest, AHostThatSaysNothingIsWaitedForAsLongAsAskedAndIsStillThere) {
