@@ -99,6 +99,7 @@ constexpr KnownCall knownCalls[] = {
     {SYS_rt_sigaction, "rt_sigaction"},
     {SYS_rt_sigprocmask, "rt_sigprocmask"},
     {SYS_rt_sigtimedwait, "rt_sigtimedwait"},
+    {SYS_sched_setscheduler, "sched_setscheduler"},
     {SYS_sendto, "sendto", Object::descriptor},
     {SYS_set_robust_list, "set_robust_list"},
     {SYS_setgid, "setgid"},

@@ -99,7 +99,7 @@ struct NamedError {
 constexpr NamedError names[] = {
     {shortCount, 0},      {"EAGAIN", EAGAIN}, {"EINTR", EINTR},   {"EIO", EIO},
     {"EMFILE", EMFILE},   {"ENFILE", ENFILE}, {"ENOMEM", ENOMEM}, {"ENOSPC", ENOSPC},
-    {"ENOBUFS", ENOBUFS}, {"ENODEV", ENODEV}, {"EPIPE", EPIPE},
+    {"ENOBUFS", ENOBUFS}, {"ENODEV", ENODEV}, {"EPERM", EPERM},   {"EPIPE", EPIPE},
 };
 
 bool fits(std::string_view call, std::string_view entry) {
