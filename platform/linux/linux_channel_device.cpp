@@ -133,7 +133,8 @@ bool LinuxChannelDevice::isParked(const char* path) const {
 
 DescriptorGuard LinuxChannelDevice::takeParked() {
     DescriptorGuard descriptor = std::move(parked_->parkedDescriptor);
-    ports_[descriptor.borrow()] = std::move(parked_);
+    auto port = std::move(parked_);
+    ports_[descriptor.borrow()] = std::move(port);
     return descriptor;
 }
 
