@@ -6,26 +6,10 @@
 #include <array>
 #include <fstream>
 #include <stdexcept>
-#include <string>
+
+#include "tests/fakes/own_memory.h"
 
 namespace corvane {
-
-namespace {
-
-/// A figure of /proc/self/status, in bytes.
-std::size_t memoryFigure(const std::string& name) {
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;) {
-        if (word == name) {
-            std::size_t kibibytes = 0;
-            status >> kibibytes;
-            return kibibytes * 1024;
-        }
-    }
-    throw std::runtime_error("no figure " + name);
-}
-
-}  // namespace
 
 std::size_t measuredInChild(const std::function<std::size_t()>& measure) {
     std::array<int, 2> ends{};
@@ -49,18 +33,14 @@ std::size_t measuredInChild(const std::function<std::size_t()>& measure) {
     return figure;
 }
 
-std::size_t residentMemory() {
-    return memoryFigure("VmRSS:");
-}
-
 std::size_t peakExtraMemory(const std::function<void()>& prepare,
                             const std::function<void()>& action) {
     return measuredInChild([&] {
         prepare();
         std::ofstream("/proc/self/clear_refs") << "5" << std::flush;
-        const std::size_t before = residentMemory();
+        const std::size_t before = ownMemory("VmRSS");
         action();
-        return memoryFigure("VmHWM:") - before;
+        return ownMemory("VmHWM") - before;
     });
 }
 

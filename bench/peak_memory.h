@@ -8,9 +8,6 @@ namespace corvane {
 /// What `measure` returns in a forked child.
 std::size_t measuredInChild(const std::function<std::size_t()>& measure);
 
-/// The resident memory of this process in bytes.
-std::size_t residentMemory();
-
 /// By how many bytes the resident memory of a process exceeds, at its peak while `action` runs,
 /// what it had after `prepare`. Both run in a forked child, one after the other; what counts is
 /// every page that is resident, whoever asked for it. See proc(5), clear_refs.

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/fakes/child_process.h"
+#include "tests/fakes/own_memory.h"
 
 namespace corvane {
 namespace {
@@ -60,21 +61,14 @@ TEST(Heap, WithoutADescriptorLeftItTakesWhatIsFree) {
     EXPECT_EQ(status, 0);
 }
 
-/// This process's address space in bytes. See proc(5), /proc/PID/statm.
-std::uint64_t addressSpace() {
-    std::uint64_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    return pages * 4096;
-}
-
 TEST(Heap, TheQuestionItselfTakesNothing) {
     constexpr std::uint64_t asked = std::uint64_t{64} << 20U;
     ASSERT_TRUE(memorySuffices(asked));
-    const std::uint64_t before = addressSpace();
+    const std::size_t before = ownMemory("VmSize");
     for (int count = 0; count < 20; ++count) {
         EXPECT_TRUE(memorySuffices(asked));
     }
-    EXPECT_LT(addressSpace(), before + 10 * asked);
+    EXPECT_LT(ownMemory("VmSize"), before + 10 * asked);
 }
 
 TEST(Heap, RequiredMemoryThatCannotBeHadIsAnException) {

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -18,6 +17,7 @@
 #include "core/message.h"
 #include "core/read_loop.h"
 #include "tests/fakes/fake_platform.h"
+#include "tests/fakes/own_memory.h"
 
 namespace corvane {
 namespace {
@@ -47,21 +47,13 @@ JsonValue makeList() {
 constexpr Command commands[] = {{"echo", echo, 1, ReportCondition::always},
                                 {"list", makeList, 2, ReportCondition::always}};
 
-/// This process's resident memory in bytes. See proc(5), /proc/PID/statm.
-std::size_t residentMemory() {
-    std::size_t size = 0;
-    std::size_t resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-}
-
 /// Waits until the memory is down to `limit`, and does something all the while. False when it does
 /// not come to that.
 template <typename Action>
 bool memoryComesDownTo(std::size_t limit, Action action) {
     constexpr std::chrono::seconds hangLimit{20};
     const auto end = std::chrono::steady_clock::now() + hangLimit;
-    while (residentMemory() > limit) {
+    while (ownMemory("VmRSS") > limit) {
         if (std::chrono::steady_clock::now() > end) {
             return false;
         }
@@ -96,7 +88,7 @@ class ReadLoopMemory : public testing::Test {
         const std::string line = R"({"execute":"echo","arguments":{"text":")" +
                                  std::string(2 * mebibyte, 'x') + "\"}}\n";
         trimHeap();
-        const std::size_t before = residentMemory();
+        const std::size_t before = ownMemory("VmRSS");
         bool grew = false;
         bool cameDown = false;
         std::atomic<bool> ended = false;
@@ -104,7 +96,7 @@ class ReadLoopMemory : public testing::Test {
             for (int round = 0; round < 20; ++round) {
                 ask(line);
             }
-            grew = residentMemory() > before + 2 * mebibyte;
+            grew = ownMemory("VmRSS") > before + 2 * mebibyte;
             once();
             cameDown = memoryComesDownTo(before + mebibyte, action);
             ended = true;
@@ -116,7 +108,7 @@ class ReadLoopMemory : public testing::Test {
         }
         hostThread.join();
         EXPECT_TRUE(grew) << "there would be nothing to give back";
-        EXPECT_TRUE(cameDown) << residentMemory() - before;
+        EXPECT_TRUE(cameDown) << ownMemory("VmRSS") - before;
     }
 
     void tell(std::string_view line) const {
@@ -162,14 +154,14 @@ TEST_F(ReadLoopMemory, OfLargeMessagesGoesBackWhileTheHostGoesOnAsking) {
 
 TEST_F(ReadLoopMemory, OfAHugeAnswerGoesBackBeforeTheLoopWaitsAgain) {
     trimHeap();
-    const std::size_t before = residentMemory();
+    const std::size_t before = ownMemory("VmRSS");
     std::thread hostThread([this] { ask("{\"execute\":\"list\"}\n"); });
     ReadLoop loop;
     while (!listWasMade) {
         loop.pass();
     }
     hostThread.join();
-    EXPECT_LT(residentMemory(), before + 2 * 1024 * 1024);
+    EXPECT_LT(ownMemory("VmRSS"), before + 2 * 1024 * 1024);
 }
 
 TEST_F(ReadLoopMemory, OfLargeMessagesGoesBackWhileALineIsUnfinished) {

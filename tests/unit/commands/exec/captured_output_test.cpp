@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <fstream>
 #include <functional>
 #include <limits>
 #include <mutex>
@@ -22,6 +21,7 @@
 #include "commands/exec/reaper.h"
 #include "core/heap.h"
 #include "tests/fakes/child_process.h"
+#include "tests/fakes/own_memory.h"
 #include "tests/unit/commands/exec/exec_status_fixture.h"
 
 namespace corvane {
@@ -300,10 +300,8 @@ TEST_F(CapturedOutput, OfTheLargestSizeThatThereIsOverflowsNothing) {
 void limitAddressSpace(std::size_t room) {
     limitHeap();
     trimHeap();
-    std::size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    const std::size_t used = pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-    const rlimit limit{used + room, used + room};
+    const rlim_t most = ownMemory("VmSize") + room;
+    const rlimit limit{most, most};
     ::setrlimit(RLIMIT_AS, &limit);
 }
 

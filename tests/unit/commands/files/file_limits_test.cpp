@@ -5,7 +5,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <new>
 #include <string>
 
@@ -17,6 +16,7 @@
 #include "core/json_writer.h"
 #include "platform/file_streams.h"
 #include "tests/fakes/child_process.h"
+#include "tests/fakes/own_memory.h"
 #include "tests/unit/commands/files/file_fixture.h"
 #include "tests/unit/core/json_helper.h"
 
@@ -25,22 +25,9 @@ namespace {
 
 constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20U;
 
-/// A number of /proc/self/status, in bytes.
-std::uint64_t statusOf(const std::string& name) {
-    std::ifstream file("/proc/self/status");
-    for (std::string word; file >> word;) {
-        if (word == name + ":") {
-            std::uint64_t kibibytes = 0;
-            file >> kibibytes;
-            return kibibytes * 1024;
-        }
-    }
-    return 0;
-}
-
 /// Lets this process have so much more address space than it has.
 void limitAddressSpace(std::uint64_t more) {
-    const rlim_t limit = statusOf("VmSize") + more;
+    const rlim_t limit = ownMemory("VmSize") + more;
     const rlimit both{limit, limit};
     ::setrlimit(RLIMIT_AS, &both);
 }
@@ -73,7 +60,7 @@ TEST_F(FileLimits, HugeCountOfASmallFileTakesLittleMemory) {
     const std::string expected = readAnswer("0123456789", true);
     EXPECT_EQ(exitStatusOf([&] {
                   const std::uint64_t handle = openFile(file);
-                  const std::uint64_t before = statusOf("VmHWM");
+                  const std::size_t before = ownMemory("VmHWM");
                   if (!sanitized) {
                       limitAddressSpace(64 * mebibyte);
                   }
@@ -83,7 +70,7 @@ TEST_F(FileLimits, HugeCountOfASmallFileTakesLittleMemory) {
                       check(1, readFile(handle, count) == expected);
                       check(2, seekFile(handle, 0, "set") == seekAnswer(0));
                   }
-                  check(3, statusOf("VmHWM") < before + 16 * mebibyte);
+                  check(3, ownMemory("VmHWM") < before + 16 * mebibyte);
                   check(4, closeFile(handle) == success);
                   ::_exit(0);
               }),
@@ -93,10 +80,10 @@ TEST_F(FileLimits, HugeCountOfASmallFileTakesLittleMemory) {
 TEST_F(FileLimits, HugeCountOfAFileWithoutSizeTakesLittleMemory) {
     EXPECT_EQ(exitStatusOf([] {
                   const std::uint64_t handle = openFile("/proc/version");
-                  const std::uint64_t before = statusOf("VmHWM");
+                  const std::size_t before = ownMemory("VmHWM");
                   check(1, readFile(handle, ~std::uint64_t{0}) ==
                                readAnswer(fileContent("/proc/version"), true));
-                  check(2, statusOf("VmHWM") < before + 16 * mebibyte);
+                  check(2, ownMemory("VmHWM") < before + 16 * mebibyte);
                   ::_exit(0);
               }),
               0);
@@ -116,7 +103,7 @@ TEST_F(FileLimits, DeviceWithoutEndIsAnErrorForAHugeCountAndTheAgentGoesOn) {
                   for (int turn = 0; turn < 2; ++turn) {
                       check(1, dispatch("guest-file-read", endless) == refusal);
                   }
-                  check(2, statusOf("VmRSS") < 64 * mebibyte);
+                  check(2, ownMemory("VmRSS") < 64 * mebibyte);
                   check(3, readFile(other, 100) == readAnswer("0123456789", true));
                   check(4, readFile(zeroes, 3) == readAnswer(std::string(3, '\0'), false));
                   check(5, dispatch("guest-file-close", withHandle(zeroes)) == success);

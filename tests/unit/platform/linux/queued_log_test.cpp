@@ -3,12 +3,10 @@
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <fstream>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -17,6 +15,7 @@
 
 #include "core/heap.h"
 #include "tests/fakes/child_process.h"
+#include "tests/fakes/own_memory.h"
 
 namespace corvane {
 namespace {
@@ -29,13 +28,6 @@ sigset_t ownMask() {
     sigset_t mask;
     ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
     return mask;
-}
-
-std::size_t residentMemory() {
-    std::size_t size = 0;
-    std::size_t resident = 0;
-    std::ifstream("/proc/self/statm") >> size >> resident;
-    return resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
 }
 
 /// What a sink is told, and a gate that holds it up. Both outlive the log under test.
@@ -377,20 +369,21 @@ TEST(QueuedLog, GivesTheMemoryOfABacklogBackWithoutBeingUsedAgain) {
     QueuedLog log(std::make_unique<DroppingSink>(gate));
     log.createCategories("corvane");
     trimHeap();
-    const std::size_t before = residentMemory();
+    const std::size_t before = ownMemory("VmRSS");
     {
         const std::lock_guard shut(gate);
         for (std::size_t size = 0; size < QueuedLog::capacity / 4 * 3; size += 200) {
             log.write(LogCategory::transactions, std::string(150, 'x'));
         }
-        ASSERT_GT(residentMemory(), before + 2 * mebibyte) << "there would be nothing to give back";
+        ASSERT_GT(ownMemory("VmRSS"), before + 2 * mebibyte)
+            << "there would be nothing to give back";
     }
     constexpr std::chrono::seconds hangLimit{20};
     const auto end = std::chrono::steady_clock::now() + hangLimit;
-    while (residentMemory() > before + mebibyte && std::chrono::steady_clock::now() < end) {
+    while (ownMemory("VmRSS") > before + mebibyte && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));  // for what no event tells of
     }
-    EXPECT_LE(residentMemory(), before + mebibyte);
+    EXPECT_LE(ownMemory("VmRSS"), before + mebibyte);
 }
 
 TEST(QueuedLog, EndsWithoutEverHavingBeenUsed) {
