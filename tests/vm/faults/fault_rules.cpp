@@ -264,6 +264,7 @@ const std::vector<FaultRule> rules = {
     {"interfaces", "main close *"},
     {"interfaces", "main @(sendto|recvmsg) *", "done", "EINTR"},
     {"interfaces", "main @(socket|bind|getsockname|sendto|recvmsg) *", "getifaddrs error ERRNO"},
+    {"clock", "main clock_settime*", "failed to set time"},
     {"info", "main close *"},
     // What cannot be made at the moment is not listed.
     {"info", "main socket AF_VSOCK", "17 commands"},

@@ -20,7 +20,7 @@ constexpr CallErrors table[] = {
     {"brk", "ENOMEM"},
     {"chdir", "EIO ENOMEM"},
     {"clock_gettime", ""},
-    {"clock_settime", ""},
+    {"clock_settime", "EPERM"},
     {"clone", "EAGAIN ENOMEM"},
     {"clone3", "EAGAIN ENOMEM"},
     {"close", "EINTR EIO ENOSPC"},
