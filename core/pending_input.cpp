@@ -97,19 +97,19 @@ std::optional<RequestLine> PendingInput::takeLine() {
     return std::nullopt;
 }
 
-void PendingInput::abandonLine() noexcept {
+bool PendingInput::abandonLine() noexcept {
     while (scannedSlices_ < slices_.size()) {
         const std::size_t end = findEndOfAbandoned(slices_[scannedSlices_].bytes());
         if (end != std::string_view::npos) {
             dropFront(end + 1);
-            return;
+            return true;
         }
         ++scannedSlices_;
     }
     slices_.clear();
     scannedSlices_ = 0;
     size_ = 0;
-    abandoning_ = true;
+    return !std::exchange(abandoning_, true);
 }
 
 /// Drops the searched slices and `count` bytes, at least one, of the slice behind them.

@@ -46,8 +46,12 @@ class PendingInput {
     std::optional<RequestLine> takeLine();
 
     /// Gives up the first line: drops what is here, and what comes, up to and including the next
-    /// line feed or 0xFF. For a line that memory can't hold.
-    void abandonLine() noexcept;
+    /// line feed or 0xFF. For a line that memory can't hold. False when it had been given up
+    /// before.
+    bool abandonLine() noexcept;
+
+    /// What comes next is of a line of its own: the one that sent a line given up is gone.
+    void endAbandonedLine() noexcept { abandoning_ = false; }
 
     [[nodiscard]] std::size_t size() const noexcept { return size_; }
 

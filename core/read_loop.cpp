@@ -113,6 +113,7 @@ void ReadLoop::giveMemoryBack() {
 
 void ReadLoop::followEndedChannel() {
     logStatus(false, "The connection has ended.\n");
+    pending_.endAbandonedLine();
     const auto spanEnd = openedAt_ + silentChannelSpan;
     const bool endedAtOnce = channelIsSilent_ && Clock::now() < spanEnd;
     silentChannels_ = endedAtOnce ? silentChannels_ + 1 : 0;
@@ -145,9 +146,11 @@ std::optional<RequestLine> ReadLoop::nextLine() {
 }
 
 void ReadLoop::giveUpLine() {
-    pending_.abandonLine();
+    const bool isUnanswered = pending_.abandonLine();
     trimHeap();
-    sendOutOfMemory();
+    if (isUnanswered) {
+        sendOutOfMemory();
+    }
 }
 
 void ReadLoop::answer(RequestLine line) {

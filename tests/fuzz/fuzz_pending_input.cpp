@@ -40,13 +40,16 @@ void run(FuzzInput input) {
         model.append(piece);
         switch (input.next() % 8) {
             case 0:
-                pending.abandonLine();
-                model.abandonLine();
+                check(pending.abandonLine() == model.abandonLine(), "both were in a line");
                 break;
             case 1:
                 takeFromBoth(pending, model);
                 break;
             case 2:
+                break;
+            case 3:
+                pending.endAbandonedLine();
+                model.endAbandonedLine();
                 break;
             default:
                 while (takeFromBoth(pending, model)) {

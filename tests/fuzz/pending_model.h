@@ -27,11 +27,16 @@ class PendingModel {
         return isLine ? line : takeLine();
     }
 
-    void abandonLine() {
+    /// False when it had been given up before.
+    bool abandonLine() {
+        const bool wasAbandoning = abandoning_;
         const std::size_t end = pending_.find_first_of("\n\xFF");
         abandoning_ = end == std::string::npos;
         pending_.erase(0, abandoning_ ? end : end + 1);
+        return !wasAbandoning;
     }
+
+    void endAbandonedLine() noexcept { abandoning_ = false; }
 
     [[nodiscard]] std::size_t size() const noexcept { return pending_.size(); }
 

@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
 #include <gtest/gtest.h>
 
@@ -100,6 +102,31 @@ TEST_F(MemoryExhaustion, LineThatCannotBeCutOffIsAnsweredWithAnErrorAndTheNextIs
                     device_.sent.ends_with("\n" + outOfMemoryAnswer))
             << "allocation " << first << ": " << device_.sent.substr(0, 300);
     }
+}
+
+TEST_F(MemoryExhaustion, LineThatIsGivenUpIsAnsweredOnceHoweverOftenMemoryIsWanting) {
+    const std::string filler(3000, 'x');
+    device_.pieces = {"{\"execute\":\"" + filler, filler, "\"}\n{\"execute\":\"guest-ping\"}\n"};
+    int ended = 0;
+    long first = 0;
+    for (bool failed = true; failed; ++first) {
+        try {
+            failed = run(first, 2) == 0;
+        } catch (const std::bad_alloc&) {
+            stopFailingAllocations();
+            ++ended;  // not even one read can be kept
+            continue;
+        }
+        EXPECT_EQ(std::count(device_.sent.begin(), device_.sent.end(), '\n'), 2)
+            << "allocation " << first << ": " << device_.sent;
+    }
+    EXPECT_LT(ended, 3);
+}
+
+TEST_F(MemoryExhaustion, LineThatIsGivenUpTakesNothingOfTheNextHostAlong) {
+    device_.pieces = {"{\"execute\":\"guest-pi", "", "{\"execute\":\"guest-ping\"}\n"};
+    EXPECT_EQ(run(0, 1), 0);
+    EXPECT_EQ(device_.sent, outOfMemoryAnswer + pong);
 }
 
 TEST_F(MemoryExhaustion, LogEntryThatMemoryDoesNotSufficeForIsLost) {

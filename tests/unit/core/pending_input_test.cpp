@@ -164,6 +164,24 @@ TEST(PendingInput, KeepsTheLinesBehindACompleteLineThatIsAbandoned) {
     EXPECT_EQ(takeAll(pending), Lines{"next"});
 }
 
+TEST(PendingInput, TellsALineThatWasGivenUpBefore) {
+    PendingInput pending;
+    pending.append("first"sv);
+    EXPECT_TRUE(pending.abandonLine());
+    EXPECT_FALSE(pending.abandonLine());
+    pending.append(" of it\nnext"sv);
+    EXPECT_TRUE(pending.abandonLine());
+}
+
+TEST(PendingInput, LineThatWasGivenUpEndsWithWhoSentIt) {
+    PendingInput pending;
+    pending.append("first"sv);
+    pending.abandonLine();
+    pending.endAbandonedLine();
+    pending.append("next\n"sv);
+    EXPECT_EQ(takeAll(pending), Lines{"next"});
+}
+
 TEST(PendingInput, GivesTheSameLinesHoweverTheBytesAreCut) {
     std::mt19937 random(7);
     const std::string_view alphabet = "ab\n\xFF";
