@@ -199,6 +199,7 @@ QueuedLog::~QueuedLog() {
 
 void QueuedLog::finish() noexcept {
     auto lock = queue_->lock();
+    startThread();
     created_ = false;
     if (!thread_.joinable()) {
         return;

@@ -29,7 +29,7 @@ class QueuedLog final : public SystemLog {
     QueuedLog(const QueuedLog&) = delete;
     QueuedLog& operator=(const QueuedLog&) = delete;
 
-    /// Starts the thread. Where that fails, each write() tries again.
+    /// Starts the thread. Where that fails, each write() and finish() try again.
     void createCategories(const char* identifier) override;
     /// Asks the sink, on the caller's thread.
     [[nodiscard]] bool records(LogCategory category) const override;
@@ -38,7 +38,8 @@ class QueuedLog final : public SystemLog {
     /// Gives the sink a second to take what is queued, so that nothing is lost when the process
     /// exits in an orderly way, and another one for the status entries if it goes on taking some;
     /// the rest is then told as lost. After that the thread goes on by itself, with the queue and
-    /// the sink as its own. Nobody writes what comes later. The destructor does the same.
+    /// the sink as its own. Where no thread can be had even then, all is lost: the sink might block
+    /// its caller for ever. Nobody writes what comes later. The destructor does the same.
     void finish() noexcept;
 
  private:

@@ -24,8 +24,8 @@ class VirtioPort {
     /// anew, and the notice of a host is waited for besides.
     ssize_t receive(std::span<char> buffer, int patience = PortCalls::noLimit);
 
-    /// As `ChannelDevice::send`: as much at once as the kernel takes, until all is out or the host
-    /// has left.
+    /// As `ChannelDevice::send`: as much at once as the kernel takes, until all is out, the host
+    /// has left or the device has refused a piece.
     void send(std::span<const std::string_view> pieces);
 
     void send(std::string_view bytes) { send(std::span<const std::string_view>(&bytes, 1)); }

@@ -122,6 +122,13 @@ void FaultBench::disconnect() {
     }
 }
 
+// epoll_wait(2) and its fourth argument; see proc(5), /proc/PID/syscall, and <asm/unistd_64.h>.
+void FaultBench::awaitWaitForHost() {
+    shell().check(
+        "while ! grep -qE '^232 [^ ]+ [^ ]+ [^ ]+ 0xf{8,} '"
+        " /proc/$(fault-tracer state | sed -n 's/^agent //p')/syscall; do usleep 1000; done");
+}
+
 void FaultBench::connectSerially() {
     host_.reset();
     host_ = std::make_unique<HostClient>(machine_.connectHost());

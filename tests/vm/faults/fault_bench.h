@@ -80,6 +80,8 @@ class FaultBench {
     void replaceHost();
     /// The host leaves.
     void disconnect();
+    /// Waits until the agent at the serial device waits for a host, without a limit.
+    void awaitWaitForHost();
     /// Waits until a process of the guest is there no more.
     void awaitEndOf(pid_t process);
 

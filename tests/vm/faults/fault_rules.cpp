@@ -22,6 +22,13 @@ const std::vector<FaultRule> rules = {
     {"!(start-up|ping|reconnect)", "main * /dev/vport#p#", "elsewhere"},
     {"!(start-up|ping|reconnect)", "main access *", "elsewhere"},
 
+    {"absence", "!(main epoll_wait *)", "elsewhere"},
+    {.scenarios = "absence", .call = "main epoll_wait *", .last = 1},
+    // There is another one where the notices of the host that leaves come apart.
+    {.scenarios = "absence", .call = "main epoll_wait *", .mayBeLeftOut = true},
+    // Whether it comes to that depends on how soon the host is there.
+    {opening, "main epoll_wait *", "elsewhere"},
+
     // The log does without what it cannot have: an entry may be lost, nothing else.
     {.scenarios = "*", .call = "log *", .mayBeLeftOut = true},
     {"*", "main access *"},

@@ -128,6 +128,13 @@ void reconnect(FaultBench& bench) {
     bench.replaceHost();
 }
 
+/// A host that is long in coming: what the agent does meanwhile.
+void absence(FaultBench& bench) {
+    bench.disconnect();
+    bench.awaitWaitForHost();
+    bench.meetAgent();
+}
+
 void execWithoutStreams(FaultBench& bench) {
     StartedProgram(bench, {{"path", "true"}}).end();
 }
@@ -241,6 +248,7 @@ const std::vector<Scenario> list = {
     {"start-up", start, true},
     {"ping", ping},
     {"reconnect", reconnect, false, [](FaultBench& bench) { bench.disconnect(); }},
+    {"absence", absence},
     {"info", info},
     {"exec", execWithoutStreams},
     {"exec capture", execWithCapture},

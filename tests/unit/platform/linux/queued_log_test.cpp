@@ -295,24 +295,59 @@ TEST_F(QueuedLogTest, ItsThreadTakesNoProcessorFromOthersWhenItIsWoken) {
     EXPECT_EQ(::sched_getscheduler(0), before);
 }
 
+/// While it lives no thread can be started that takes the process's defaults.
+class NoThreads {
+ public:
+    NoThreads() {
+        ::pthread_getattr_default_np(&usual_);
+        pthread_attr_t unfit;
+        ::pthread_attr_init(&unfit);
+        ::pthread_attr_setstacksize(&unfit, std::size_t{1} << 60U);
+        ::pthread_setattr_default_np(&unfit);
+        ::pthread_attr_destroy(&unfit);
+        pthread_t thread{};
+        const auto doNothing = [](void* argument) { return argument; };
+        EXPECT_NE(::pthread_create(&thread, nullptr, doNothing, nullptr), 0);
+    }
+    ~NoThreads() {
+        EXPECT_EQ(::pthread_setattr_default_np(&usual_), 0);
+        ::pthread_attr_destroy(&usual_);
+    }
+    NoThreads(const NoThreads&) = delete;
+    NoThreads& operator=(const NoThreads&) = delete;
+
+ private:
+    pthread_attr_t usual_{};
+};
+
 TEST_F(QueuedLogTest, AThreadThatCannotBeStartedIsStartedLater) {
-    pthread_attr_t usual;
-    ASSERT_EQ(::pthread_getattr_default_np(&usual), 0);
-    pthread_attr_t unfit;
-    ::pthread_attr_init(&unfit);
-    ASSERT_EQ(::pthread_attr_setstacksize(&unfit, std::size_t{1} << 60U), 0);
-    ASSERT_EQ(::pthread_setattr_default_np(&unfit), 0);
-    pthread_t thread{};
-    const auto doNothing = [](void* argument) { return argument; };
-    EXPECT_NE(::pthread_create(&thread, nullptr, doNothing, nullptr), 0);
-    log_->createCategories("corvane");
-    log_->write(LogCategory::status, "one");
-    ASSERT_EQ(::pthread_setattr_default_np(&usual), 0);
+    {
+        const NoThreads noThreads;
+        log_->createCategories("corvane");
+        log_->write(LogCategory::status, "one");
+    }
     log_->write(LogCategory::status, "two");
     EXPECT_EQ(record_.awaitEntries(3),
               (std::vector<std::string>{"S:created for corvane", "S:one", "S:two"}));
-    ::pthread_attr_destroy(&unfit);
-    ::pthread_attr_destroy(&usual);
+}
+
+TEST_F(QueuedLogTest, AThreadThatCannotBeStartedIsStartedAtTheEndAtTheLatest) {
+    {
+        const NoThreads noThreads;
+        log_->createCategories("corvane");
+        log_->write(LogCategory::status, "why it ends");
+    }
+    log_->finish();
+    EXPECT_EQ(record_.awaitEntries(2),
+              (std::vector<std::string>{"S:created for corvane", "S:why it ends"}));
+}
+
+TEST_F(QueuedLogTest, WithoutAThreadTheEndComesNonetheless) {
+    const NoThreads noThreads;
+    log_->createCategories("corvane");
+    log_->write(LogCategory::status, "lost");
+    log_->finish();
+    EXPECT_EQ(record_.awaitEntries(1), std::vector<std::string>{"S:created for corvane"});
 }
 
 /// Takes its time, as a daemon does that is behind.
