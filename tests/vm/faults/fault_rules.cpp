@@ -24,7 +24,7 @@ const std::vector<FaultRule> rules = {
 
     {"absence", "!(main epoll_wait *)", "elsewhere"},
     {.scenarios = "absence", .call = "main epoll_wait *", .last = 1},
-    // There is another one where the notices of the host that leaves come apart.
+    // How many follow depends on how the notices of the hosts come.
     {.scenarios = "absence", .call = "main epoll_wait *", .mayBeLeftOut = true},
     // Whether it comes to that depends on how soon the host is there.
     {opening, "main epoll_wait *", "elsewhere"},
